@@ -1,0 +1,69 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "core/callback_table.h"
+#include "core/command_queue.h"
+#include "core/device_registry.h"
+#include "core/flags.h"
+#include "core/link_thread_watch.h"
+#include "core/receive_tables.h"
+#include "core/scan_working_list.h"
+#include "link/serial_port.h"
+
+namespace kxorbeta_if {
+
+/// Read budgets and waits. The values are what hosts and the dongle are used to; tests shorten them.
+struct Timing {
+    int scanReads = 400;
+    std::uint32_t scanReadTimeoutMs = 50;
+
+    std::uint32_t connectionReadsPerSecond = 50;
+    std::uint32_t connectionReadTimeoutMs = 20;
+
+    std::uint32_t linkReadTimeoutMs = 20;
+    int linkStartPolls = 100;
+    std::chrono::milliseconds linkStartPoll{10};
+    std::chrono::milliseconds linkEndWait{1000};
+
+    int drainPolls = 100;
+    std::chrono::milliseconds drainPoll{100};
+};
+
+using ThreadStarter = std::function<std::thread(std::function<void()>)>;
+
+/// Everything that work with one dongle needs: the port and what is known and pending beyond it. The library has one; a
+/// test makes as many as it likes. It must outlive every thread that works on it.
+struct Context {
+    explicit Context(std::string deviceFolder = SerialPort::kDeviceFolder) : port(std::move(deviceFolder)) {}
+
+    SerialPort port;
+    Flags flags;
+    CallbackTable callbacks;
+    ScanWorkingList scanWorkingList;
+    DeviceRegistry registry;
+    CommandQueue commandQueue;
+    ReceiveTables receiveTables;
+    LinkThreadWatch linkThreads;
+    Timing timing;
+    ThreadStarter startThread = [](std::function<void()> work) { return std::thread(std::move(work)); };
+
+    /// Runs `work` on a thread of its own and waits for its end. What `work` throws ends it and goes no further; a
+    /// thread that cannot be started throws std::system_error here.
+    template <typename Work>
+    void runOnThread(Work&& work) {
+        startThread([&] {
+            try {
+                work();
+            } catch (...) {
+            }
+        }).join();
+    }
+};
+
+}  // namespace kxorbeta_if

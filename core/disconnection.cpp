@@ -1,0 +1,42 @@
+#include "core/disconnection.h"
+
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "core/log.h"
+
+namespace kxorbeta_if {
+
+bool disconnectDevice(Context& context, const ble_device& device) {
+    if (!context.port.isOpen() || context.flags.connecting || !context.flags.linkActive) {
+        return false;
+    }
+    std::string command = "AT+DISDEV=" + device.address();
+    command.push_back('\0');
+    context.commandQueue.push({reinterpret_cast<const std::uint8_t*>(command.data()), command.size()});
+    return true;
+}
+
+bool disconnectAll(Context& context) {
+    constexpr std::string_view command("AT+DISCONN\0", 11);
+    Flags& flags = context.flags;
+    flags.recording = false;
+    if (!flags.groupConnected) {
+        return true;
+    }
+    // Past the queue: commands still waiting follow this one to the dongle.
+    context.port.write(command.data(), command.size());
+    for (int poll = 0; poll < context.timing.drainPolls && context.commandQueue.size() > 0; ++poll) {
+        std::this_thread::sleep_for(context.timing.drainPoll);
+    }
+    KX_LOG(verbosity::kInfo, "Devices disconnect");
+    flags.linkActive = false;
+    context.linkThreads.waitUntilEnded(context.timing.linkEndWait);
+    // Last, so that no new connection begins before and the thread's last block is decoded like those before it.
+    flags.groupConnected = false;
+    flags.ctlFraming = false;
+    return true;
+}
+
+}  // namespace kxorbeta_if

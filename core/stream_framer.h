@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "core/callback_table.h"
+#include "core/flags.h"
+#include "core/receive_tables.h"
+
+namespace kxorbeta_if {
+
+/// Bytes that a block left unparsed and that belong in front of the next one.
+class History {
+  public:
+    int length() const noexcept { return static_cast<int>(bytes_.size()); }
+    std::span<const std::uint8_t> bytes() const noexcept { return bytes_; }
+    void keep(std::span<const std::uint8_t> rest) { bytes_.assign(rest.begin(), rest.end()); }
+    void clear() noexcept { bytes_.clear(); }
+
+  private:
+    std::vector<std::uint8_t> bytes_;  // takes any remainder: an incomplete frame is kept whole
+};
+
+/// Cuts the dongle's data frames out of blocks of the byte stream and decodes their payloads.
+///
+/// A frame is "AT+DAT", the headset's index in decimal, ':', the payload's length in decimal, '#', the payload.
+/// Whatever is not a frame is passed over byte by byte; an incomplete frame at the end of a block goes to the history.
+/// Work is linear in the length of the block, whatever it holds.
+///
+/// Not thread-safe; belongs to the thread that decodes, on which the callbacks are called. A history that a block
+/// leaves untouched keeps what it held (the link thread relies on that).
+class StreamFramer {
+  public:
+    StreamFramer(ReceiveTables& tables, CallbackTable& callbacks, const Flags& flags)
+        : tables_(tables), callbacks_(callbacks), flags_(flags) {}
+
+    /// The framer: for blocks in the dongle's envelopes.
+    void parseFramed(std::span<const std::uint8_t> block, History& history);
+
+    /// The direct decoder: for blocks of bare headset frames.
+    void parseDirect(std::span<std::uint8_t> block, History& history);
+
+    /// Parses one block with whichever of the two `ctlFraming` asks for. An empty block clears the history.
+    void parse(std::span<std::uint8_t> block, History& history);
+
+  private:
+    ReceiveTables& tables_;
+    CallbackTable& callbacks_;
+    const Flags& flags_;
+};
+
+}  // namespace kxorbeta_if
