@@ -1,0 +1,82 @@
+// The program as a user runs it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace dongle::test {
+
+/// A run of velmora-dongle with words that a shell splits; what it prints, errors included, comes through a pipe.
+struct Program {
+    explicit Program(const std::string& arguments)
+        : output(::popen(("echo $$; exec '" VELMORA_DONGLE "' " + arguments + " 2>&1").c_str(), "re")) {}
+    std::string line() {
+        std::array<char, 1000> text{};
+        return std::fgets(text.data(), text.size(), output) == nullptr ? "" : text.data();
+    }
+    /// Waits for the end; the rest of the output is in `rest` then.
+    int exitCode() {
+        for (std::string text = line(); !text.empty(); text = line())
+            rest += text;
+        const int status = ::pclose(output);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    std::FILE* output;
+    pid_t id = std::stoi(line());
+    std::string rest;
+};
+
+const std::string kLink = std::filesystem::temp_directory_path() / ("dongle-test-" + std::to_string(::getpid()));
+
+TEST(Program, TellsHowToReachItPrintsRequestsAndRemovesItsLink) {
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        Program program("--duration 20000 --link " + kLink);
+        EXPECT_TRUE(program.line().starts_with("velmora-dongle: ready on " + kLink));
+        const int host = ::open(kLink.c_str(), O_RDWR | O_NOCTTY);
+        EXPECT_EQ(::write(host, "AT+PING", 7), 7);
+        EXPECT_EQ(program.line(), "host: AT+PING\n");
+        ::kill(program.id, number);
+        EXPECT_EQ(program.exitCode(), 0);
+        EXPECT_TRUE(program.rest.starts_with("summary: 1 requests of the host")) << program.rest;
+        EXPECT_FALSE(std::filesystem::is_symlink(kLink));
+        ::close(host);
+    }
+}
+
+TEST(Program, ReplacesOnlyALinkThatADongleHasLeft) {
+    // Of a terminal that exists nobody can tell whose it is.
+    for (const std::string target : {"/elsewhere", "/dev/pts/ptmx", "/dev/pts/999999"}) {
+        std::filesystem::create_symlink(target, kLink);
+        EXPECT_EQ(Program("--duration 1 --link " + kLink).exitCode(), target.ends_with("9") ? 0 : 3);
+        EXPECT_EQ(std::filesystem::remove(kLink), !target.ends_with("9")) << target;
+    }
+}
+
+TEST(Program, TakesOptionsAndSaysWhatItCannotUse) {
+    const std::vector<std::tuple<std::string, int, std::string>> cases{
+        {"--duration 1 --headset 2:address=AABBCCDDEEFF,index=9,join-after=5 --timers-from start --fill 1000 --no-gaps "
+         "--scan-lines '" __FILE__ "' --response-mark EE --text-cuts 1,2,3",
+         0, "headset AABBCCDDEEFF (device 9)"},
+        {"--channels 16 --packing multi", 2, "channels must be 1 to 15"},
+        {"--headset 1:index=2", 2, "two headsets have the index 2"},
+        {"--port /nowhere/port", 3, "/nowhere/port"},
+        {"--link /", 3, "exists and is not a link"},
+        {"--link /nowhere/link", 3, "/nowhere/link"},
+    };
+    for (const auto& [arguments, exitCode, text] : cases) {
+        Program program(arguments);
+        EXPECT_EQ(program.exitCode(), exitCode) << arguments;
+        EXPECT_NE(program.rest.find(text), std::string::npos) << program.rest;
+    }
+}
+
+}  // namespace dongle::test

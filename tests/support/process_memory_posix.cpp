@@ -1,0 +1,17 @@
+#include <unistd.h>
+
+#include <fstream>
+
+#include "support/process_memory.h"
+
+namespace test {
+
+std::size_t processMemory() {
+    std::ifstream file("/proc/self/statm");
+    std::size_t size = 0;
+    std::size_t resident = 0;
+    file >> size >> resident;
+    return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
+
+}  // namespace test

@@ -1,0 +1,15 @@
+#define WIN32_LEAN_AND_MEAN
+#include <windows.h>
+// After the header that it needs.
+#include <psapi.h>
+
+#include "support/process_memory.h"
+
+namespace test {
+
+std::size_t processMemory() {
+    PROCESS_MEMORY_COUNTERS counters{};
+    return GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters) != 0 ? counters.WorkingSetSize : 0;
+}
+
+}  // namespace test

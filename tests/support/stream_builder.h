@@ -1,0 +1,50 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// Builds what headsets and the dongle send. Written from the layout of the frames alone and used by tests only, so
+/// that a mistake of the library cannot cancel itself out.
+namespace test {
+
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes bytesOf(std::string_view text);
+Bytes joined(std::initializer_list<Bytes> parts);
+void append(Bytes& to, const Bytes& more);
+
+inline constexpr int kSlots = 112;  ///< sample slots of a raw frame
+
+constexpr std::uint8_t singleChannel(int channel) {
+    return static_cast<std::uint8_t>(0x80 | channel);
+}
+constexpr std::uint8_t multiChannel(int count) {
+    return static_cast<std::uint8_t>(0x40 | count);
+}
+
+/// 112 samples, none of them 0, whose bytes are never 0x55 or 0xAA, so that no part of them looks like a frame's start.
+/// Both signs and both ends of the range occur. Different seeds give different samples.
+std::vector<int> samples(unsigned seed);
+
+Bytes rawFrame(std::uint8_t channelByte, const std::vector<int>& samples, int counter);
+Bytes batteryFrame(std::uint8_t level, std::uint8_t second);
+
+struct Post {
+    std::uint8_t value1, selector, value2, fourth, value3;
+    std::array<std::uint32_t, 8> bands;
+};
+Bytes postFrame(const Post& post);
+
+/// A response with a right check byte: 4 bytes of data make a short one, 12 a long one.
+Bytes responseFrame(std::uint8_t second, std::uint8_t command, const Bytes& data);
+
+/// The dongle's frame around a payload.
+Bytes envelope(int device, const Bytes& payload);
+
+}  // namespace test
