@@ -1,0 +1,87 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "core/context.h"
+#include "core/disconnection.h"
+#include "core/group_connection.h"
+#include "dongle/dongle_runner.h"
+#include "link/dongle_search.h"
+#include "support/eventually.h"
+#include "support/log_capture.h"
+#include "support/test_line.h"
+
+namespace test {
+
+struct EventSeen {
+    unsigned code;
+    unsigned value;
+    std::string detail;
+    bool operator==(const EventSeen&) const = default;
+};
+
+struct RawPacket {
+    int device;
+    int channel;
+    std::vector<int> samples;
+    bool allZero() const;
+};
+
+/// What the callbacks were called with, in order. Any thread.
+class Received {
+  public:
+    void install(kxorbeta_if::CallbackTable& table);
+
+    std::vector<EventSeen> events() const;
+    std::vector<RawPacket> rawPackets() const;
+    std::size_t rawCount() const { return rawCount_; }
+    std::size_t postCount() const { return postCount_; }
+    std::size_t batteryCount() const { return batteryCount_; }
+    std::vector<std::vector<std::uint8_t>> responses() const;
+    bool hasEvent(unsigned code) const;
+    void forgetData();
+
+  private:
+    mutable std::mutex mutex_;
+    std::vector<EventSeen> events_;
+    std::vector<RawPacket> raw_;
+    std::vector<std::vector<std::uint8_t>> responses_;
+    std::atomic<std::size_t> rawCount_{0};
+    std::atomic<std::size_t> postCount_{0};
+    std::atomic<std::size_t> batteryCount_{0};
+};
+
+/// A dongle on a line, and a context of the library that has its end of the line open.
+class Scenario : public testing::Test {
+  protected:
+    Scenario();
+    ~Scenario() override;
+
+    /// Starts the dongle with `settings` and opens the port.
+    void start();
+    /// Connects the first headset and waits until the link thread is in its loop.
+    void connect();
+    /// Lets the link thread read `bytes` in one read.
+    void deliver(const std::string& bytes);
+    bool linkEnded() { return !context_.linkThreads.living(); }
+    dongle::HeadsetCounters sent(int index);
+    /// The host's requests so far, one line of text each.
+    std::vector<std::string> requests();
+    std::size_t requestCount(const std::string& beginning);
+
+    dongle::Settings settings;
+    LogCapture log;
+    Received received;
+    kxorbeta_if::Context context_;
+    std::unique_ptr<dongle::Runner> dongle_;
+};
+
+}  // namespace test
