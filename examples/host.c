@@ -1,0 +1,72 @@
+/* A complete host: finds the dongle, connects the first headset, collects for ten seconds, disconnects.
+ * Usage: host [PORT], for example: host COM5. Progress and the reasons for failures: kxsdk.log. */
+#include <stdio.h>
+
+#include "VelmoraSDK.h"
+
+#ifdef _WIN32
+#include <windows.h>
+static void wait_seconds(int seconds) { Sleep((DWORD)seconds * 1000); }
+#else
+#include <unistd.h>
+static void wait_seconds(int seconds) { sleep((unsigned)seconds); }
+#endif
+
+/* Written on the library's link thread, read here after collection has ended. */
+static volatile long packets, zero_packets, battery_reports;
+
+static void on_raw_data(int device, int channel, int* samples, int count) {
+    int i = 0;
+    (void)device;
+    (void)channel;
+    while (i < count && samples[i] == 0) {
+        ++i;
+    }
+    ++packets;
+    zero_packets += i == count; /* most likely the substitute of a lost packet */
+}
+
+static void on_battery(int device, unsigned int level, unsigned int value) {
+    printf("headset %d: battery %u, %u\n", device, level, value);
+    ++battery_reports;
+}
+
+static void on_event(unsigned int code, unsigned int value) { printf("event %u, value %u\n", code, value); }
+
+static int run(const char* port) {
+    DeviceInfo headset;
+    if (port == NULL) {
+        port = SDK_CheckPort(); /* valid until its next call */
+    }
+    if (port[0] == '\0' || !SDK_ConnectPort(port)) {
+        fprintf(stderr, "no dongle\n");
+        return 1;
+    }
+    if (!SDK_ScanDevices() || !SDK_GetScanDevice(0, &headset)) {
+        fprintf(stderr, "no headset\n");
+        return 1;
+    }
+    printf("connecting %s (%s)\n", headset.name, headset.address);
+    if (!SDK_ConnectDevice(headset.address, headset.option) || !SDK_StartDataCollection()) {
+        fprintf(stderr, "no connection\n");
+        return 1;
+    }
+    wait_seconds(10);
+    SDK_DisconnectPort(); /* while collecting: so the dongle is told to drop the headset */
+    printf("%ld packets, %ld of them zeros, %ld battery reports\n", packets, zero_packets, battery_reports);
+    return packets > 0 ? 0 : 1;
+}
+
+int main(int argc, char** argv) {
+    int result;
+    SDK_SetRawDataCallback(on_raw_data);
+    SDK_SetBattInfoCallback(on_battery);
+    SDK_SetEventCallback(on_event);
+    if (!SDK_Init()) {
+        return 1;
+    }
+    printf("VelmoraSDK %s\n", SDK_GetVersion());
+    result = run(argc > 1 ? argv[1] : NULL);
+    SDK_Cleanup();
+    return result;
+}
