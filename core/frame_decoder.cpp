@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 
 #include "core/headset_protocol.h"
@@ -56,6 +57,8 @@ struct DirectRules {
         entry(context, device, frame[2], block + (frame - block), static_cast<int>(length));
     }
 };
+
+static_assert(std::endian::native == std::endian::little, "samples are turned round, which compilers do in vectors");
 
 /// Samples come high byte first.
 void convertSamples(const std::uint8_t* from, int* to, std::size_t count) {
@@ -310,6 +313,7 @@ class FramePass {
 
     void* context() const { return tables_.callbacks.context.load(); }
 
+    // Held as copies: reached through one pointer less for every frame.
     const DecoderTables tables_;
     const Rules rules_;
     const std::span<const std::uint8_t> bytes_;

@@ -106,7 +106,8 @@ class BlockWalk {
         return std::memcmp(block_.data() + place, kMarker.data(), kMarker.size()) == 0;
     }
 
-    /// Moves to the next frame with a sound header. False when the block ended first; its rest is then dealt with.
+    /// Moves to the next frame with a sound header that readPlainHeader() does not read, or that has bytes without a
+    /// frame before it. False when the block ended first; its rest is then dealt with.
     bool findFrame(Header& header) {
         bool lostSync = true;  // what the last failed attempt was: no marker, or a marker with a bad header
         while (left() >= kShortestFrame) {
@@ -150,8 +151,7 @@ class BlockWalk {
         const std::uint8_t* const start = block_.data() + position_;
         const std::uint8_t* const last = start + kFarthestMark;
         const std::uint8_t* next = start + kMarker.size();
-        // At most ten digits stand before the farthest mark, nine of them beside a ':', so nothing overflows. The
-        // farthest mark's own place is no digit's: a number that reaches it ends there, and no mark follows.
+        // At most ten digits stand before the farthest mark, nine of them beside a ':', so nothing overflows.
         const auto number = [&] {
             std::uint32_t value = 0;
             for (; next < last && *next >= '0' && *next <= '9'; ++next) {
@@ -164,10 +164,10 @@ class BlockWalk {
             return false;
         }
         const std::uint32_t payload = number();
-        if (next > last || *next++ != '#') {
+        if (next > last || *next != '#') {
             return false;
         }
-        header = {static_cast<std::size_t>(next - start), static_cast<int>(device), payload};
+        header = {static_cast<std::size_t>(next + 1 - start), static_cast<int>(device), payload};
         return true;
     }
 

@@ -1,0 +1,8 @@
+#pragma once
+
+namespace bench {
+
+void registerReceiveBenchmarks();
+void registerTextBenchmarks();
+
+}  // namespace bench
