@@ -12,6 +12,10 @@ namespace {
 
 constexpr std::size_t kLongestList = 255;
 
+// A dongle has some 16 headsets; one that reports thousands makes addresses up, and must cost neither memory nor time
+// without end.
+constexpr std::size_t kMostDevices = 4096;
+
 auto findAddress(std::vector<ble_device>& devices, std::string_view address) {
     return std::find_if(devices.begin(), devices.end(),
                         [&](const ble_device& device) { return device.hasAddress(address); });
@@ -29,7 +33,7 @@ bool DeviceRegistry::addOrUpdateDevice(ble_device& device) {
     } else {
         device.setState(1);
         KX_LOG(verbosity::kInfo, "Add device %s, index=%d", device.address().c_str(), device.index());
-        devices_.push_back(device);
+        add(device);
     }
     return true;
 }
@@ -69,7 +73,13 @@ void DeviceRegistry::handleDeviceList(const char* text) {
 
 void DeviceRegistry::append(const ble_device& device) {
     const SpinGuard guard(lock_);
-    devices_.push_back(device);
+    add(device);
+}
+
+void DeviceRegistry::add(const ble_device& device) {
+    if (devices_.size() < kMostDevices) {
+        devices_.push_back(device);
+    }
 }
 
 void DeviceRegistry::clear() {

@@ -9,7 +9,8 @@
 namespace kxorbeta_if {
 
 /// The headsets that the dongle reports as connected, in the order of their first report. Fed from the dongle's texts;
-/// no exported function reads it. A headset that leaves stays in it with state 0.
+/// no exported function reads it. A headset that leaves stays in it with state 0. It takes some thousands of records;
+/// more are announced, but not kept.
 class DeviceRegistry {
   public:
     /// Updates the first record with the device's address (state 1, the device's index), or sets the device's state to
@@ -17,7 +18,7 @@ class DeviceRegistry {
     bool addOrUpdateDevice(ble_device& device);
 
     /// Sets the state of the first record with that address and logs it; false, silently, when there is none.
-    /// Takes no lock: it runs on the link thread like every other writer of that time.
+    /// Takes no lock: it runs on the link thread like every other writer while that thread lives.
     bool setDeviceState(std::string_view address, int state);
 
     /// Takes in the dongle's list reply ("AT+LIST=..." anywhere in the text): every record is set to state 0 and index
@@ -31,6 +32,7 @@ class DeviceRegistry {
     std::vector<ble_device> snapshot();
 
   private:
+    void add(const ble_device& device);
     void resetAll();
 
     SpinLock lock_;

@@ -18,7 +18,8 @@ constexpr std::size_t kLongestCommand = 512;
 constexpr std::uint32_t kDefaultSeconds = 100;
 constexpr std::uint32_t kMostSeconds = 600;
 
-/// What the dongle has said since its last connection report.
+/// What the dongle has said since its last connection report, as far as it still matters: text that no later read can
+/// turn into a report or into the end text is dropped, so that a line without an end costs no more than another.
 class ReplyText {
   public:
     void append(std::string_view bytes) {
@@ -27,19 +28,23 @@ class ReplyText {
     }
 
     bool saysFinished() const {
-        // The last line feed of what is done stays in front: the whole text is then longer than the end text.
-        return holdsReply(std::string_view(text_).substr(done_ == 0 ? 0 : done_ - 1), reply::kGroupConnectionFinish);
+        // The text may be exactly the end text only if nothing stood in front of it.
+        return holdsReply(text_, reply::kGroupConnectionFinish) &&
+               (!shortened_ || text_ != reply::kGroupConnectionFinish);
     }
 
-    /// The number of reports in the text. With at least one the text has served its purpose; without, it stays and the
-    /// next read extends it, but its complete lines need not be looked at again.
+    /// The number of reports in the text. With at least one the text has served its purpose; without, what may still
+    /// become one stays for the next read to extend.
     int collect(const ReportTargets& targets) {
-        const int count = collectGroupConnections(targets, std::string_view(text_).substr(done_));
+        if (lineIsSettled_ && !dropSettledLine()) {
+            return 0;
+        }
+        const int count = collectGroupConnections(targets, text_);
         if (count > 0) {
             text_.clear();
-            done_ = 0;
-        } else if (const std::size_t lastEnd = text_.rfind('\n'); lastEnd != std::string::npos) {
-            done_ = lastEnd + 1;
+            shortened_ = false;
+        } else {
+            dropWhatIsSettled();
         }
         return count;
     }
@@ -47,8 +52,54 @@ class ReplyText {
     bool empty() const { return text_.empty(); }
 
   private:
+    /// False when the line goes on.
+    bool dropSettledLine() {
+        const std::size_t end = text_.find('\n');
+        if (end == std::string::npos) {
+            keepTail();
+            return false;
+        }
+        dropFront(end + 1);
+        lineIsSettled_ = false;
+        return true;
+    }
+
+    void dropWhatIsSettled() {
+        if (const std::size_t end = text_.rfind('\n'); end != std::string::npos) {
+            dropFront(end + 1);
+        }
+        const std::size_t marker = text_.find(reply::kServiceConnected);
+        if (marker == std::string::npos) {
+            keepTail();
+            return;
+        }
+        const std::size_t behind = marker + reply::kServiceConnected.size();
+        if (text_.find_first_not_of(' ', behind) == std::string::npos) {
+            // An address may still follow, after however many spaces.
+            text_.resize(std::min(text_.size(), behind + 1));
+            dropFront(marker);
+        } else {
+            lineIsSettled_ = true;  // no address, and a line's first marker decides
+            keepTail();
+        }
+    }
+
+    /// Keeps what may be the beginning of a marker or of the end text, or all of the latter.
+    void keepTail() {
+        constexpr std::size_t longest = std::max(reply::kServiceConnected.size(), reply::kGroupConnectionFinish.size());
+        if (text_.size() > longest) {
+            dropFront(text_.size() - longest);
+        }
+    }
+
+    void dropFront(std::size_t count) {
+        text_.erase(0, count);
+        shortened_ = shortened_ || count > 0;
+    }
+
     std::string text_;
-    std::size_t done_ = 0;  // complete lines before this hold no report
+    bool shortened_ = false;      // the text has lost its beginning
+    bool lineIsSettled_ = false;  // the line that the text begins with is no report, whatever follows
 };
 
 /// True when at least one headset was reported connected.
@@ -104,7 +155,12 @@ bool connectGroup(Context& context, const std::vector<ble_device>& devices, std:
     if (!context.port.isOpen() || flags.linkActive || flags.scanning || flags.connecting || flags.groupConnected) {
         return false;
     }
-    flags.connecting = true;
+    // A host's callback may have held up the end of the last link thread for longer than disconnecting waits, and a
+    // dongle's restart holds it up for good. Two of them on one port and one set of tables must never be.
+    context.linkThreads.waitUntilEnded(context.timing.linkEndWait);
+    if (context.linkThreads.living() || flags.connecting.exchange(true)) {
+        return false;
+    }
     const std::string command = groupConnectCommand(devices);
     context.registry.clear();
     KX_LOG(verbosity::kInfo, "Group Connect: %s", command.c_str());

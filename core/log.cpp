@@ -1,5 +1,6 @@
 #include "core/log.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
@@ -63,33 +64,35 @@ void closeFile(const char* path) {
     }
 }
 
+std::string formatted(const char* format, std::va_list arguments) {
+    std::va_list again;
+    va_copy(again, arguments);
+    std::string text(256, '\0');
+    const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
+    if (length >= static_cast<int>(text.size())) {
+        text.resize(static_cast<std::size_t>(length) + 1);
+        std::vsnprintf(text.data(), text.size(), format, again);
+    }
+    va_end(again);
+    text.resize(static_cast<std::size_t>(std::max(length, 0)));
+    return text;
+}
+
 }  // namespace
 
 void refreshLogCutoff() {
     logCutoff = loguru::current_verbosity_cutoff();
 }
 
-void logRecord(int verbosity, unsigned line, const char* format, ...) {
-    char shortText[512];
-    std::string longText;
-    const char* text = shortText;
-
+void logRecord(int verbosity, unsigned line, const char* format, ...) noexcept {
     std::va_list arguments;
     va_start(arguments, format);
-    std::va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(shortText, sizeof shortText, format, arguments);
-    if (length >= static_cast<int>(sizeof shortText)) {
-        longText.resize(static_cast<std::size_t>(length) + 1);
-        std::vsnprintf(longText.data(), longText.size(), format, again);
-        text = longText.c_str();
+    try {
+        const std::string text = formatted(format, arguments);
+        gate().pass([&] { loguru::log(verbosity, "orbeta_if", line, "%s", text.c_str()); });
+    } catch (...) {
     }
-    va_end(again);
     va_end(arguments);
-    if (length < 0) {
-        return;
-    }
-    gate().pass([&] { loguru::log(verbosity, "orbeta_if", line, "%s", text); });
 }
 
 void logToFile(const char* path, bool truncate, int verbosity) {

@@ -19,11 +19,12 @@ inline std::atomic<int> logCutoff{verbosity::kInfo};
 /// Asks the logging library anew; for whoever adds an output by other means than the functions below.
 void refreshLogCutoff();
 
-/// Writes one record with the source name "orbeta_if" and the given line. Use KX_LOG, which asks the cut-off first.
+/// Writes one record with the source name "orbeta_if" and the given line; a record that cannot be written is dropped.
+/// Use KX_LOG, which asks the cut-off first.
 #if defined(__GNUC__)
 __attribute__((format(printf, 3, 4)))
 #endif
-void logRecord(int verbosity, unsigned line, const char* format, ...);
+void logRecord(int verbosity, unsigned line, const char* format, ...) noexcept;
 
 /// Adds the log file `path`; a file added before under the same name is closed first, so that no line is written twice
 /// and a name without folder means the folder that is current now.

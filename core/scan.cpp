@@ -37,16 +37,15 @@ bool scanThread(Context& context) {
 }  // namespace
 
 bool scan(Context& context) {
-    const Flags& flags = context.flags;
-    if (!context.port.isOpen() || flags.linkActive || flags.scanning || flags.connecting) {
+    Flags& flags = context.flags;
+    if (!context.port.isOpen() || flags.linkActive || flags.connecting || flags.scanning.exchange(true)) {
         return false;
     }
-    context.flags.scanning = true;
     KX_LOG(verbosity::kInfo, "Scan BLE device.");
     bool finished = false;
     // Not reset when this throws: without a thread to be had, later attempts are refused at once.
     context.runOnThread([&] { finished = scanThread(context); });
-    context.flags.scanning = false;
+    flags.scanning = false;
     return finished;
 }
 

@@ -220,12 +220,13 @@ VELMORA_API int SDK_GetConnectedDevice(int index, DeviceInfo* out);
  *   option   number sent behind the address when not 0: pass the option of the scan record
  * Blocks until the dongle reports the end of its attempt (100 seconds when it stays silent). Returns 0 for null, when
  * the port is closed, headsets are already connected, a scan or connection is under way, or no headset was reported
- * connected.
+ * connected. It is also refused, after about 1 second, while the link thread of an earlier connection has not ended
+ * because a callback of the host holds it up.
  * A connection lasts until SDK_Cleanup, or SDK_DisconnectPort while collecting. Dropping every headset with
  * SDK_DisconnectDevice, or losing them (event 1), does not end it: until then scans and further connections are refused.
  * If the dongle restarts, data stops without any event: the link thread is stuck for good, keeps one core busy and the
- * event lock taken. SDK_Cleanup still returns, after about 1 second, 11 with commands queued; but a new connection would
- * hang. Save, clean up, and start the process anew.
+ * event lock taken. SDK_Cleanup still returns, after about 1 second, 11 with commands queued; but no new connection
+ * is made in this process. Save, clean up, and start the process anew.
  */
 VELMORA_API int SDK_ConnectDevice(const char* address, int option);
 

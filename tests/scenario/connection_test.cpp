@@ -127,11 +127,58 @@ TEST_F(Connection, ReportsThatNameNobodyAreSkipped) {
     std::thread dongle([&] {
         test::eventually([&] { return requestCount("AT+GRPCONN") > 0; });
         deliver("Service connected.     \nService connected. notanaddress\n");
+        deliver("Service connected. x, and ");
+        deliver("Service connected. A1B2C3D4E501,1 on the same line\n");
         deliver("Group connection finish\r\n");
     });
     EXPECT_FALSE(attempt());
     dongle.join();
     expectNotConnected();
+}
+
+TEST_F(Connection, AReportIsFoundBehindALineWithoutEnd) {
+    settings.replies.connect = false;
+    start();
+    std::thread dongle([&] {
+        test::eventually([&] { return requestCount("AT+GRPCONN") > 0; });
+        for (int i = 0; i < 20; ++i) {
+            deliver(std::string(2000, 'S'));
+        }
+        deliver("Service connec");
+        deliver("ted.");
+        deliver(std::string(500, ' '));
+        deliver("    A1B2C3D4E501,7 ");
+        deliver("Group connection fini");
+        deliver("sh");
+        deliver("\r\n");
+    });
+    EXPECT_TRUE(attempt());
+    dongle.join();
+    EXPECT_EQ(received.events()[0], (EventSeen{2, 7, kFirst}));
+    EXPECT_EQ(received.events().size(), 2u);
+}
+
+TEST_F(Connection, IsRefusedWhileTheLastLinkThreadIsHeldUpByACallback) {
+    settings.headsets[0].sampleRate = 2000;
+    context_.timing.linkEndWait = 20ms;
+    start();
+    ASSERT_TRUE(attempt());
+    static std::atomic<bool> inside{false};
+    static std::atomic<bool> leave{false};
+    inside = leave = false;
+    context_.callbacks.rawData = [](void*, int, int, int*, int) {
+        inside = true;
+        test::eventually([] { return leave.load(); });
+    };
+    context_.flags.recording = true;
+    ASSERT_TRUE(test::eventually([] { return inside.load(); }));
+    disconnectAll(context_);
+    EXPECT_FALSE(linkEnded());
+    EXPECT_FALSE(attempt()) << "two link threads must never share a port";
+    EXPECT_EQ(requestCount("AT+GRPCONN"), 1u);
+    leave = true;
+    ASSERT_TRUE(test::eventually([&] { return linkEnded(); }));
+    EXPECT_TRUE(attempt());
 }
 
 TEST_F(Connection, ACommandTheDongleCannotTakeIsNotSent) {

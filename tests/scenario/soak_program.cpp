@@ -157,6 +157,12 @@ int main(int argc, char** argv) {
             [&](dongle::Engine& engine) { engine.connected(index) ? engine.disconnect(index) : engine.join(index); });
     }
     const std::size_t finallyUsed = test::processMemory();
+    // What comes after collection has ended is logged and not delivered, so the last of the data is waited for.
+    dongle.with([](dongle::Engine& engine) { engine.setSilent(true); });
+    for (long before = -1; before != good + zeros + strange;) {
+        before = good + zeros + strange;
+        std::this_thread::sleep_for(300ms);
+    }
     SDK_DisconnectPort();
     SDK_Cleanup();
 
