@@ -28,8 +28,8 @@ class History {
 /// Whatever is not a frame is passed over byte by byte; an incomplete frame at the end of a block goes to the history.
 /// Work is linear in the length of the block, whatever it holds.
 ///
-/// Not thread-safe; belongs to the thread that decodes, on which the callbacks are called. A block that is used up to
-/// its last byte leaves the history untouched.
+/// Not thread-safe; belongs to the thread that decodes, on which the callbacks are called and which has claimed the
+/// tables' byte queues. A block that is used up to its last byte leaves the history untouched.
 class StreamFramer {
   public:
     StreamFramer(ReceiveTables& tables, CallbackTable& callbacks, const Flags& flags)

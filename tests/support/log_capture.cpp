@@ -24,6 +24,7 @@ LogCapture::LogCapture(int verbosity) : id_("capture " + std::to_string(reinterp
 
 LogCapture::~LogCapture() {
     loguru::remove_callback(id_.c_str());
+    kxorbeta_if::refreshLogCutoff();
 }
 
 std::vector<std::string> LogCapture::lines() const {
