@@ -1,9 +1,9 @@
 #include "support/receive_session.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <charconv>
-#include <iterator>
 #include <type_traits>
 #include <utility>
 
@@ -11,41 +11,83 @@ namespace test {
 
 namespace {
 
-template <typename... Numbers>
-std::string call(const char* name, Numbers... numbers) {
+std::string call(const char* name, std::initializer_list<long> numbers) {
     std::string text = name;
-    ((text += ' ', text += std::to_string(numbers)), ...);
+    for (const long number : numbers) {
+        text += " " + std::to_string(number);
+    }
     return text;
+}
+
+std::string call(int device, long v1, long v2, long v3, long v4, const unsigned* v) {
+    return call("post", {device, v1, v2, v3, v4, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]}) + "\n";
 }
 
 }  // namespace
 
 std::string rawCall(int device, int channel, const std::vector<int>& samples) {
-    std::string text = call("raw", device, channel, samples.size());
+    std::string text = call("raw", {device, channel, static_cast<long>(samples.size())});
+    if (std::all_of(samples.begin(), samples.end(), [](int sample) { return sample == 0; })) {
+        return text + " zeros\n";
+    }
     std::array<char, 16> number;
     for (const int sample : samples) {
-        const auto end = std::to_chars(number.begin(), number.end(), sample).ptr;
-        text.append(1, ' ').append(number.begin(), end);
+        text.append(1, ' ').append(number.begin(), std::to_chars(number.begin(), number.end(), sample).ptr);
     }
-    return text;
+    return text + "\n";
 }
 
 std::string batteryCall(int device, unsigned level, unsigned value) {
-    return call("battery", device, level, value);
+    return call("battery", {device, level, value}) + "\n";
 }
 
 std::string postCall(const Post& post) {
-    const auto& b = post.bands;
-    return call("post", 0, post.value1, post.value2, post.value3, post.fourth, b[0], b[1], b[2], b[3], b[4], b[5], b[6],
-                b[7]);
+    return call(0, post.value1, post.value2, post.value3, post.selector == 8 ? post.fourth : 0, post.bands.data());
 }
 
 std::string responseCall(int device, const Bytes& frame) {
-    std::string text = call("response", device, frame[2], frame.size());
-    for (const std::uint8_t byte : frame) {
-        text += ' ';
-        text += std::to_string(byte);
+    return call("response", {device, frame[2]}) + " " + hexOf(frame) + "\n";
+}
+
+Bytes Packet::bytes() const {
+    return rawFrame(multi ? multiChannel(channel) : singleChannel(channel), samples(seed), counter);
+}
+
+std::string Packet::lines(bool direct, bool merged, int expected, int loss) const {
+    std::string text;
+    if (loss >= 0) {
+        const std::string dev = direct ? " " : " dev:" + std::to_string(device), num = std::to_string(loss);
+        const std::string chan = std::to_string(channel), counts = std::to_string(counter) + " , ";
+        text = multi    ? "-1 [D]Lost data chan" + dev + (direct ? "" : "  num: ") + num + " \n"
+               : direct ? "-1 [B]Lost data chan " + chan + " , " + num + " \n"
+                        : "-1 [B]Lost data chan" + dev + " chan:" + chan + " , num: " + num + " packet_cnt: " + counts +
+                              std::to_string(expected) + "\n";
     }
+    const auto slots = samples(seed);
+    const int channels = multi ? channel : 1, per = kSlots / channels;
+    const auto add = [&](int number, int count, int first, int step) {
+        std::vector<int> own(static_cast<std::size_t>(count));
+        for (int i = 0; first >= 0 && i < count; ++i) {
+            own[static_cast<std::size_t>(i)] = slots[static_cast<std::size_t>(first + i * step)];
+        }
+        text += rawCall(device, number, own);
+    };
+    // The two decoders take the merged layout in opposite senses for what they make up.
+    const auto packet = [&](bool interleaved, bool real) {
+        if (!multi) {
+            add(channel, kSlots, real ? 0 : -1, 1);
+        } else if (interleaved) {
+            add(-channels, real ? per * channels : kSlots * channels, real ? 0 : -1, 1);
+        } else {
+            for (int c = 0; c < channels; ++c) {
+                add(c, per, real ? c : -1, channels);
+            }
+        }
+    };
+    for (int i = 0; loss <= 2 && i < loss; ++i) {
+        packet(merged == direct, false);
+    }
+    packet(merged, true);
     return text;
 }
 
@@ -60,25 +102,29 @@ struct ReceiveSession::Entries {
 
     static void raw(void* context, int device, int channel, int* samples, int count) {
         session(context).note(rawCall(device, channel, {samples, samples + count}));
+        if (session(context).onRaw) {
+            session(context).onRaw();
+        }
+    }
+    static void event(void* context, unsigned int code, unsigned int value, void* detail) {
+        ReceiveSession& self = session(context);
+        self.note(call("event", {code, value}) + " " + static_cast<const char*>(detail) +
+                  (isHeld(self.callbacks.eventLock) ? "\n" : " without its lock\n"));
+        if (self.onEvent) {
+            self.onEvent();
+        }
     }
     static void battery(void* context, int device, unsigned int level, unsigned int value) {
         session(context).note(batteryCall(device, level, value));
     }
-    static void post(void* context, int device, unsigned char value1, unsigned char value2, unsigned char value3,
-                     unsigned char value4, unsigned int* v) {
-        session(context).note(
-            call("post", device, value1, value2, value3, value4, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]));
+    static void post(void* context, int device, unsigned char v1, unsigned char v2, unsigned char v3, unsigned char v4,
+                     unsigned int* values) {
+        session(context).note(call(device, v1, v2, v3, v4, values));
     }
     static void response(void* context, int device, unsigned char command, unsigned char* frame, int length) {
         ReceiveSession& self = session(context);
-        std::string text = responseCall(device, {frame, frame + length});
-        if (command != frame[2]) {
-            text += " of another command";
-        }
-        if (!isHeld(self.callbacks.responseLock)) {
-            text += " without its lock";
-        }
-        self.note(text);
+        self.note(responseCall(device, {frame, frame + length}) + (command == frame[2] ? "" : "of another command\n") +
+                  (isHeld(self.callbacks.responseLock) ? "" : "without its lock\n"));
         if (self.onResponse) {
             self.onResponse(frame, length);
         }
@@ -90,32 +136,34 @@ ReceiveSession::ReceiveSession(int verbosity) : log_(verbosity) {
     callbacks.battInfo = &Entries::battery;
     callbacks.postData = &Entries::post;
     callbacks.response = &Entries::response;
+    callbacks.event = &Entries::event;
     callbacks.context = this;
     flags.recording = true;
     flags.ctlFraming = true;
     tables.deviceStreams.claim();  // the session's thread is the one that decodes
 }
 
-std::vector<std::string> ReceiveSession::take() {
-    auto lines = log_.take();
-    trace_.insert(trace_.end(), std::make_move_iterator(lines.begin()), std::make_move_iterator(lines.end()));
+std::string ReceiveSession::take() {
+    note("");
     return std::exchange(trace_, {});
 }
 
 void ReceiveSession::note(const std::string& text) {
-    trace_ = take();
-    trace_.push_back(text);
-    if (onCall) {
-        onCall();
+    for (const std::string& line : log_.take()) {
+        trace_ += line + "\n";
     }
+    trace_ += text;
 }
 
-std::size_t ReceiveSession::decodeDevice(int device, const Bytes& bytes) {
-    return kxorbeta_if::decodeDeviceFrames(decoder, device, ExactBlock(bytes).span());
+std::size_t ReceiveSession::decode(bool direct, const Bytes& bytes, int device) {
+    const ExactBlock block(bytes);
+    return direct ? kxorbeta_if::decodeDirectFrames(decoder, block.span())
+                  : kxorbeta_if::decodeDeviceFrames(decoder, device, block.span());
 }
 
-std::size_t ReceiveSession::decodeDirect(const Bytes& bytes) {
-    return kxorbeta_if::decodeDirectFrames(decoder, ExactBlock(bytes).span());
+std::string ReceiveSession::parse(const Bytes& block) {
+    framer.parse(ExactBlock(block).span(), history);
+    return take();
 }
 
 }  // namespace test

@@ -12,11 +12,22 @@
 
 namespace test {
 
-/// Callback calls as text, as they stand in a session's trace.
+/// Callback calls as lines of a session's trace, each with its line end. Samples that are all 0 read "zeros".
 std::string rawCall(int device, int channel, const std::vector<int>& samples);
 std::string batteryCall(int device, unsigned level, unsigned value);
 std::string postCall(const Post& post);
 std::string responseCall(int device, const Bytes& frame);
+
+struct Packet {
+    int device, channel;  // `channel` is the number of channels when there are several
+    bool multi;
+    int counter;
+    unsigned seed;  // of the samples
+
+    Bytes bytes() const;
+    /// What a host gets and the log says when it is not the first packet: `loss` as it is logged, -1 for none.
+    std::string lines(bool direct, bool merged, int expected, int loss) const;
+};
 
 /// Whether a spin lock is taken. Its only member is the lock word.
 bool isHeld(const kxorbeta_if::SpinLock& lock);
@@ -30,15 +41,14 @@ class ReceiveSession {
     ReceiveSession(const ReceiveSession&) = delete;
     ReceiveSession& operator=(const ReceiveSession&) = delete;
 
-    /// The trace so far, which is then forgotten.
-    std::vector<std::string> take();
+    /// The lines so far, which are then forgotten.
+    std::string take();
 
-    /// Decode straight from an exact-size copy; the number of bytes consumed.
-    std::size_t decodeDevice(int device, const Bytes& bytes);
-    std::size_t decodeDirect(const Bytes& bytes);
+    /// Decode straight from an exact-size copy, as headset 5 or directly; the number of bytes consumed.
+    std::size_t decode(bool direct, const Bytes& bytes, int device = 5);
 
-    /// One block through the parser's entry.
-    void parse(const Bytes& block) { framer.parse(ExactBlock(block).span(), history); }
+    /// One block through the parser's entry, and what came of it.
+    std::string parse(const Bytes& block);
 
     kxorbeta_if::Flags flags;
     kxorbeta_if::CallbackTable callbacks;
@@ -47,17 +57,16 @@ class ReceiveSession {
     kxorbeta_if::StreamFramer framer{tables, callbacks, flags};
     kxorbeta_if::History history;
 
-    /// Called inside each callback, after the call has been noted.
-    std::function<void()> onCall;
-    /// Called inside the response callback with the frame as it was handed over.
-    std::function<void(unsigned char* frame, int length)> onResponse;
+    std::function<void()> onRaw;    ///< called inside the raw data callback, after the call has been noted
+    std::function<void()> onEvent;  ///< likewise
+    std::function<void(unsigned char* frame, int length)> onResponse;  ///< likewise, with the frame as handed over
 
   private:
     struct Entries;
     void note(const std::string& call);
 
     LogCapture log_;
-    std::vector<std::string> trace_;
+    std::string trace_;
 };
 
 }  // namespace test

@@ -16,6 +16,15 @@ namespace test {
 using Bytes = std::vector<std::uint8_t>;
 
 Bytes bytesOf(std::string_view text);
+/// From pairs of hexadecimal digits, upper case; the other way round for `hexOf`.
+Bytes fromHex(std::string_view digits);
+std::string hexOf(const Bytes& bytes);
+/// The rows of a table, one to a line or several with " | " between them, in fields with " => " between them. In a
+/// field
+/// '$' stands for a line feed, '%' for a carriage return, '`' for a tab, '~' for a zero byte, and '-' alone for
+/// nothing.
+std::vector<std::vector<std::string>> rows(const std::string& table);
+Bytes part(const Bytes& bytes, std::size_t from, std::size_t to = std::string_view::npos);
 Bytes joined(std::initializer_list<Bytes> parts);
 void append(Bytes& to, const Bytes& more);
 
