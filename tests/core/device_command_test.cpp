@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <thread>
+#include <vector>
+
 #include "support/stream_builder.h"
 
 namespace test {
@@ -52,6 +56,31 @@ TEST(DeviceCommand, EnvelopeNamesTheHeadset) {
         EXPECT_TRUE(sendCommand(flags, queue, headset == 41 ? 0xFFFFFFFF : headset, 0x01));
         EXPECT_EQ(queue.pop(), joined({bytesOf("AT+CTL" + target + ":"), fromHex("AACC0300000001FB")})) << headset;
     }
+}
+
+TEST(CommandQueue, ThreadsNeitherLoseNorMixCommands) {
+    constexpr std::uint8_t kThreads = 4;
+    constexpr std::uint16_t kEach = 5000;
+    CommandQueue queue;
+    std::vector<std::thread> producers;
+    for (std::uint8_t thread = 0; thread < kThreads; ++thread) {
+        producers.emplace_back([&queue, thread] {
+            for (std::uint16_t i = 0; i < kEach; ++i) {
+                queue.push(Bytes{thread, static_cast<std::uint8_t>(i >> 8), static_cast<std::uint8_t>(i)});
+            }
+        });
+    }
+    std::array<int, kThreads> next{};
+    for (int taken = 0; taken < kThreads * kEach;) {
+        if (const auto command = queue.pop()) {
+            ++taken;
+            ASSERT_EQ((*command)[1] * 256 + (*command)[2], next.at((*command)[0])++);
+        }
+    }
+    for (std::thread& producer : producers) {
+        producer.join();
+    }
+    EXPECT_EQ(queue.size(), 0u);
 }
 
 }  // namespace

@@ -11,22 +11,22 @@ namespace test {
 
 namespace {
 
-std::string call(const char* name, std::initializer_list<long> numbers) {
+std::string call(const char* name, std::initializer_list<std::int64_t> numbers) {
     std::string text = name;
-    for (const long number : numbers) {
+    for (const std::int64_t number : numbers) {
         text += " " + std::to_string(number);
     }
     return text;
 }
 
-std::string call(int device, long v1, long v2, long v3, long v4, const unsigned* v) {
+std::string call(int device, int v1, int v2, int v3, int v4, const unsigned* v) {
     return call("post", {device, v1, v2, v3, v4, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]}) + "\n";
 }
 
 }  // namespace
 
 std::string rawCall(int device, int channel, const std::vector<int>& samples) {
-    std::string text = call("raw", {device, channel, static_cast<long>(samples.size())});
+    std::string text = call("raw", {device, channel, static_cast<std::int64_t>(samples.size())});
     if (std::all_of(samples.begin(), samples.end(), [](int sample) { return sample == 0; })) {
         return text + " zeros\n";
     }
