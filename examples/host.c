@@ -6,10 +6,14 @@
 
 #ifdef _WIN32
 #include <windows.h>
-static void wait_seconds(int seconds) { Sleep((DWORD)seconds * 1000); }
+static void wait_seconds(int seconds) {
+    Sleep((DWORD)seconds * 1000);
+}
 #else
 #include <unistd.h>
-static void wait_seconds(int seconds) { sleep((unsigned)seconds); }
+static void wait_seconds(int seconds) {
+    sleep((unsigned)seconds);
+}
 #endif
 
 /* Written on the library's link thread, read here after collection has ended. */
@@ -31,7 +35,9 @@ static void on_battery(int device, unsigned int level, unsigned int value) {
     ++battery_reports;
 }
 
-static void on_event(unsigned int code, unsigned int value) { printf("event %u, value %u\n", code, value); }
+static void on_event(unsigned int code, unsigned int value) {
+    printf("event %u, value %u\n", code, value);
+}
 
 static int run(const char* port) {
     DeviceInfo headset;

@@ -89,12 +89,10 @@ typedef void (*PostDataCallback)(int device, unsigned char value1, unsigned char
 /*
  * Raw samples of a headset. Thread: link thread. Only while data collection is on.
  *   device   the headset's index at the dongle, 0 to 15
- *   channel  0 to 15: samples of that channel. Negative, -n: values of n channels interleaved, sample 0 of channels 0 to
- *            n-1, then sample 1 of each, and so on
- *   samples  signed 16-bit values, sign-extended, in the headset's own unit; owned by the library, valid only during
- *            the call
- *   count    number of values in samples: 112 for a single-channel packet; 112 / n (integer division) for each channel
- *            of a packet of n channels
+ *   channel  0 to 15: samples of that channel. Negative, -n: values of n channels interleaved, sample 0 of channels 0
+ * to n-1, then sample 1 of each, and so on samples  signed 16-bit values, sign-extended, in the headset's own unit;
+ * owned by the library, valid only during the call count    number of values in samples: 112 for a single-channel
+ * packet; 112 / n (integer division) for each channel of a packet of n channels
  *
  * One or two lost packets are replaced by zeros, so that the sample clock goes on; longer losses are only logged. A
  * single-channel packet is replaced by a packet of zeros of its channel. A packet of n channels is replaced by ONE call
@@ -207,8 +205,8 @@ VELMORA_API int SDK_GetConnectedDevicesCount(void);
  * SDK_DisconnectDevice for each old record first.
  *   index  0 to count - 1
  *   out    filled by the library; untouched when the result is 0
- * Returns 0 for a null out or an index outside the list. The count and getter functions wait for the list lock. They let
- * C++ exceptions out: std::system_error if the platform fails to take that lock, std::bad_alloc for want of memory.
+ * Returns 0 for a null out or an index outside the list. The count and getter functions wait for the list lock. They
+ * let C++ exceptions out: std::system_error if the platform fails to take that lock, std::bad_alloc for want of memory.
  */
 VELMORA_API int SDK_GetScanDevice(int index, DeviceInfo* out);
 VELMORA_API int SDK_GetConnectedDevice(int index, DeviceInfo* out);
@@ -223,10 +221,10 @@ VELMORA_API int SDK_GetConnectedDevice(int index, DeviceInfo* out);
  * connected. It is also refused, after about 1 second, while the link thread of an earlier connection has not ended
  * because a callback of the host holds it up.
  * A connection lasts until SDK_Cleanup, or SDK_DisconnectPort while collecting. Dropping every headset with
- * SDK_DisconnectDevice, or losing them (event 1), does not end it: until then scans and further connections are refused.
- * If the dongle restarts, data stops without any event: the link thread is stuck for good, keeps one core busy and the
- * event lock taken. SDK_Cleanup still returns, after about 1 second, 11 with commands queued; but no new connection
- * is made in this process. Save, clean up, and start the process anew.
+ * SDK_DisconnectDevice, or losing them (event 1), does not end it: until then scans and further connections are
+ * refused. If the dongle restarts, data stops without any event: the link thread is stuck for good, keeps one core busy
+ * and the event lock taken. SDK_Cleanup still returns, after about 1 second, 11 with commands queued; but no new
+ * connection is made in this process. Save, clean up, and start the process anew.
  */
 VELMORA_API int SDK_ConnectDevice(const char* address, int option);
 
@@ -263,8 +261,8 @@ VELMORA_API int SDK_SendCommand(unsigned int target, unsigned char command);
  *   payload  payloadLength bytes, copied; not read when the length is 0
  *   payloadLength  0 to 4, 8, 10, 11 or 12; other lengths queue nothing. With 4 and 12 the payload's last byte takes
  *            the place of the command code, which is not sent
- * Always returns 0, also when the command was queued. Without a connection, or with a null payload and a length above 0,
- * nothing is queued.
+ * Always returns 0, also when the command was queued. Without a connection, or with a null payload and a length above
+ * 0, nothing is queued.
  */
 VELMORA_API int SDK_SendCommandWithPayload(unsigned int target, unsigned char command, unsigned char* payload,
                                            unsigned char payloadLength);

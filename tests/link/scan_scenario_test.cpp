@@ -70,9 +70,9 @@ TEST_F(ScanScenario, CollectsHeadsetsUntilTheDongleSaysItIsDone) {
 
 TEST_F(ScanScenario, OddLinesAreSortedOutAndTheScanGoesOn) {
     settings_.replies.scanLines = {
-        "A1B2C3D4E5F6,0 XAI-07",            // kept
-        "A1B2C3D4E5F6,1 XAI-08",            // known address: the first report wins
-        "B1B2C3D4E5F6,1 Headset",           // another family
+        "A1B2C3D4E5F6,0 XAI-07",           // kept
+        "A1B2C3D4E5F6,1 XAI-08",           // known address: the first report wins
+        "B1B2C3D4E5F6,1 Headset",          // another family
         "C1B2C3D4E5F6,1 XAI-0123456789A",  // 15 characters: kept
         "C2B2C3D4E5F6,1 XAI-0123456789AB",
         "A1:B2:C3:D4:E5:F7,1 XAI",

@@ -50,9 +50,8 @@ TEST(SerialPortOpen, ChecksInOrderAndStaysOpenWhenOnlySettingsFail) {
         {2000000, -1, 0, 0, SerialPort::kBadDataBits}, {2000000, 3, 9, 3, SerialPort::kBadStopBits},
         {2000000, 3, 0, -1, SerialPort::kBadStopBits}, {2000000, 3, 5, 0, SerialPort::kBadParity},
         {2000000, 3, -1, 0, SerialPort::kBadParity},   {2000000, 4, 0, 0, SerialPort::kApplyFailed},
-        {2000000, 3, 0, 0, SerialPort::kOpened},
-        {110, 3, 0, 0, SerialPort::kOpened},           {128000, 3, 0, 0, SerialPort::kOpened},
-        {921600, 3, 1, 2, SerialPort::kOpened},
+        {2000000, 3, 0, 0, SerialPort::kOpened},       {110, 3, 0, 0, SerialPort::kOpened},
+        {128000, 3, 0, 0, SerialPort::kOpened},        {921600, 3, 1, 2, SerialPort::kOpened},
     };
     const test::TestLine line = test::plugLine();
     for (const Case& c : cases) {
