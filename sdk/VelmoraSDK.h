@@ -89,10 +89,12 @@ typedef void (*PostDataCallback)(int device, unsigned char value1, unsigned char
 /*
  * Raw samples of a headset. Thread: link thread. Only while data collection is on.
  *   device   the headset's index at the dongle, 0 to 15
- *   channel  0 to 15: samples of that channel. Negative, -n: values of n channels interleaved, sample 0 of channels 0
- * to n-1, then sample 1 of each, and so on samples  signed 16-bit values, sign-extended, in the headset's own unit;
- * owned by the library, valid only during the call count    number of values in samples: 112 for a single-channel
- * packet; 112 / n (integer division) for each channel of a packet of n channels
+ *   channel  0 to 15: samples of that channel. Negative, -n: values of n channels interleaved, sample 0 of channels
+ *            0 to n-1, then sample 1 of each, and so on
+ *   samples  signed 16-bit values, sign-extended, in the headset's own unit; owned by the library, valid only during
+ *            the call
+ *   count    number of values in samples: 112 for a single-channel packet; 112 / n (integer division) for each
+ *            channel of a packet of n channels
  *
  * One or two lost packets are replaced by zeros, so that the sample clock goes on; longer losses are only logged. A
  * single-channel packet is replaced by a packet of zeros of its channel. A packet of n channels is replaced by ONE call
