@@ -139,6 +139,12 @@ TEST_F(Session, CallbacksThatThrowOrBlockCostOnlyTheirCalls) {
         throw std::runtime_error("a host's mistake");
     });
     stream();
+    const auto sent = [&] { return dongle_->with([](dongle::Engine& e) { return e.headsetCounters(1).rawSent; }); };
+    const std::uint64_t sentBefore = sent();
+    const long callsBefore = rawCalls;
+    ASSERT_TRUE(test::eventually([&] { return sent() > sentBefore + 300; }));
+    // What is still on its way is a few packets; a callback that cost the rest of its block would cost nine of ten.
+    EXPECT_GT(rawCalls - callsBefore, 200);
     SDK_SetEventCallback([](unsigned, unsigned) {
         ++eventCalls;
         throw 1;
