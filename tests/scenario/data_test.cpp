@@ -19,9 +19,8 @@ class Data : public test::Scenario {
   protected:
     void collect(std::chrono::milliseconds howLong) {
         start();
+        context_.flags.recording = true;  // before the first packet can be there
         connect();
-        context_.receiveTables.reset();
-        context_.flags.recording = true;
         std::this_thread::sleep_for(howLong);
         stopSending();
     }
@@ -71,21 +70,15 @@ class Data : public test::Scenario {
 TEST_F(Data, EverySampleOfEveryChannelArrives) {
     settings.headsets[0].channels = 16;
     settings.headsets[0].sampleRate = 1000;
+    settings.replies.streamDelay = 200ms;  // past the second headset's report
     settings.headsets[1].joinAfter = 10ms;
     settings.headsets[1].channels = 2;
     settings.headsets[1].sampleRate = 4000;
-    collect(1500ms);
+    collect(1700ms);
     const auto first = sent(1);
     const auto second = sent(2);
     EXPECT_GT(second.rawSent, 10u);
-    // The second headset may join before collection starts; what it sent until then is not ours to count.
-    EXPECT_GE(received.rawCount(), first.rawSent);
-    std::size_t ofFirst = 0;
-    for (const test::RawPacket& packet : received.rawPackets()) {
-        ofFirst += packet.device == 1;
-        ASSERT_EQ(packet.samples.size(), 112u);
-    }
-    EXPECT_EQ(ofFirst, first.rawSent);
+    EXPECT_EQ(received.rawCount(), first.rawSent + second.rawSent);
     EXPECT_EQ(received.postCount(), first.post + second.post);
     EXPECT_EQ(received.batteryCount(), first.battery + second.battery);
     expectSignal(1, 16);
@@ -134,11 +127,14 @@ TEST_F(Data, LostPacketsAreBridgedWithZerosAndLogged) {
 TEST_F(Data, AFullLineInBurstsOfWholeFramesLosesNothing) {
     settings = dongle::defaultSettings(16);
     settings.replies.connectDuration = 20ms;
+    // Past the last report: a text in front of data leaves a history, and with one a burst that a busy machine cuts in
+    // two would lose a packet, as it should.
+    settings.replies.streamDelay = 1s;
     settings.line.fillBytesPerSecond = dongle::kLineBytesPerSecond;
     for (auto& headset : settings.headsets) {
         headset.joinAfter = headset.index == 1 ? 0ms : 1ms;
     }
-    collect(2000ms);
+    collect(3000ms);
     std::uint64_t rawSent = 0;
     for (int index = 0; index < 16; ++index) {
         rawSent += sent(index).rawSent;

@@ -31,6 +31,7 @@ std::string envelope(int device, std::uint8_t counter, std::int16_t value) {
 class LinkThreadTest : public test::Scenario {
   protected:
     LinkThreadTest() {
+        settings.line.textGap = 80ms;  // what is delivered apart must be read apart, on a busy machine too
         for (dongle::HeadsetSettings& headset : settings.headsets) {
             headset.sampleRate = 0;
             headset.batteryInterval = 0ms;
