@@ -21,8 +21,8 @@
 #include <thread>
 #include <vector>
 
-#include "dongle/headset_frames.h"
 #include "sdk/VelmoraSDK.h"
+#include "support/stream_builder.h"
 
 namespace {
 
@@ -64,13 +64,13 @@ std::int64_t now() {
 
 /// Writes bursts of whole frames at the full rate.
 void feed(const Line& line, std::chrono::seconds howLong) {
-    const std::vector<std::int16_t> samples(dongle::kSamplesPerFrame, 1);
-    std::uint8_t counter = 0;
+    const std::vector<int> samples(test::kSlots, 1);
+    int counter = 0;
     auto next = Clock::now();
     for (const auto end = next + howLong; next < end;) {
         std::string burst;
         for (int i = 0; i < kPacketsPerBurst; ++i) {
-            const auto frame = dongle::dataEnvelope(1, dongle::singleChannelFrame(0, samples, counter++));
+            const test::Bytes frame = test::envelope(1, test::rawFrame(test::singleChannel(0), samples, counter++));
             burst.append(frame.begin(), frame.end());
         }
         line.write(burst);

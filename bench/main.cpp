@@ -6,7 +6,7 @@
 #include <new>
 
 #include "allocations.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "registration.h"
 
 namespace {
@@ -38,6 +38,7 @@ int main(int argc, char** argv) {
     kxorbeta_if::logConsoleOff();
 
     bench::registerReceiveBenchmarks();
+    bench::registerSessionBenchmarks();
     bench::registerTextBenchmarks();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {

@@ -3,6 +3,7 @@
 namespace bench {
 
 void registerReceiveBenchmarks();
+void registerSessionBenchmarks();
 void registerTextBenchmarks();
 
 }  // namespace bench

@@ -2,27 +2,15 @@
 
 #include <algorithm>
 #include <random>
+#include <utility>
 
 namespace bench {
-
-Block::Block(const test::Bytes& bytes) : area_(kHistoryHeadroom) {
-    test::append(area_, bytes);
-}
-
-std::span<std::uint8_t> Block::withHistory(std::span<const std::uint8_t> history) {
-    const std::size_t start = kHistoryHeadroom - history.size();
-    std::copy(history.begin(), history.end(), area_.begin() + static_cast<std::ptrdiff_t>(start));
-    return std::span(area_).subspan(start);
-}
 
 PacketStream::PacketStream(int devices, std::size_t blockSize, Cut cut) {
     constexpr std::size_t kCounterInPacket = 228;
     constexpr std::size_t kBytesOfNextPacket = 130;
     test::Bytes block;
-    const auto endBlock = [&] {
-        blocks_.emplace_back(block);
-        block.clear();
-    };
+    const auto endBlock = [&] { blocks_.push_back(std::exchange(block, {})); };
     for (int sent = 0;; ++sent) {
         const int device = sent % devices;
         test::Bytes payload = test::rawFrame(test::singleChannel(3), test::samples(static_cast<unsigned>(sent)), 0);
@@ -47,8 +35,8 @@ PacketStream::PacketStream(int devices, std::size_t blockSize, Cut cut) {
 
 void PacketStream::damage(unsigned perMille) {
     std::mt19937 random(1);
-    for (Block& block : blocks_) {
-        for (std::uint8_t& byte : block.bytes()) {
+    for (test::Bytes& block : blocks_) {
+        for (std::uint8_t& byte : block) {
             if (random() % 1000 < perMille) {
                 byte = static_cast<std::uint8_t>(random());
             }
@@ -58,7 +46,7 @@ void PacketStream::damage(unsigned perMille) {
 
 void PacketStream::count() {
     for (const Counter& counter : counters_) {
-        blocks_[counter.block].bytes()[counter.offset] = next_[counter.device]++;
+        blocks_[counter.block][counter.offset] = next_[counter.device]++;
     }
 }
 
@@ -66,11 +54,11 @@ std::span<const Flood> floods() {
     using namespace std::string_view_literals;
     static constexpr Flood kFloods[] = {
         {"half headers", "AT+DAT"sv, false, false},
-        {"half headers, one far mark", "AT+DAT"sv, false, true},
+        {"half headers, one far delimiter", "AT+DAT"sv, false, true},
         {"headers without numbers", "AT+DAT#"sv, false, false},
         {"empty frames", "AT+DAT0:0#"sv, false, false},
         {"one-byte payloads", "AT+DAT0:1#U"sv, false, false},
-        {"marks", "#"sv, false, false},
+        {"delimiters", "#"sv, false, false},
         {"zero bytes", "\0"sv, false, false},
         {"first letters of headers", "A"sv, false, false},
         {"payload of 55", "\x55"sv, true, false},
@@ -81,7 +69,7 @@ std::span<const Flood> floods() {
     return kFloods;
 }
 
-Block floodBlock(const Flood& flood, std::size_t size) {
+test::Bytes floodBlock(const Flood& flood, std::size_t size) {
     constexpr std::size_t kRoomForHeader = 16;
     test::Bytes bytes(flood.asPayload ? size - kRoomForHeader : size);
     for (std::size_t i = 0; i < bytes.size(); ++i) {
@@ -90,7 +78,7 @@ Block floodBlock(const Flood& flood, std::size_t size) {
     if (flood.farMark) {
         bytes.back() = '#';
     }
-    return Block(flood.asPayload ? test::envelope(0, bytes) : bytes);
+    return flood.asPayload ? test::envelope(0, bytes) : bytes;
 }
 
 }  // namespace bench

@@ -7,26 +7,12 @@
 #include <string_view>
 #include <vector>
 
+#include "core/receive_buffer.h"
 #include "support/stream_builder.h"
 
 namespace bench {
 
-inline constexpr std::size_t kReadSize = 10240;       ///< what the link thread asks the port for
-inline constexpr std::size_t kHistoryHeadroom = 512;  ///< what it has room for in front, for the last block's rest
-
-/// What one read returned, with the link thread's room in front.
-class Block {
-  public:
-    explicit Block(const test::Bytes& bytes);
-
-    std::span<std::uint8_t> bytes() { return withHistory({}); }
-
-    /// The block with `history` in front; at most kHistoryHeadroom bytes.
-    std::span<std::uint8_t> withHistory(std::span<const std::uint8_t> history);
-
-  private:
-    test::Bytes area_;
-};
+inline constexpr std::size_t kReadSize = kxorbeta_if::ReceiveBuffer::kReadSize;
 
 /// One read's worth of single-channel raw packets, one to a dongle frame, dealt round to the headsets and cut into
 /// blocks of whole frames. Can be played for ever without a packet missing: count() before each time.
@@ -44,7 +30,7 @@ class PacketStream {
     /// Numbers the packets so that they follow those of the last time.
     void count();
 
-    std::vector<Block>& blocks() { return blocks_; }
+    const std::vector<test::Bytes>& blocks() const { return blocks_; }
     std::size_t bytes() const { return bytes_; }
     std::size_t packets() const { return counters_.size(); }
 
@@ -55,7 +41,7 @@ class PacketStream {
         std::size_t device;
     };
 
-    std::vector<Block> blocks_;
+    std::vector<test::Bytes> blocks_;
     std::vector<Counter> counters_;
     std::array<std::uint8_t, 16> next_{};
     std::size_t bytes_ = 0;
@@ -69,6 +55,6 @@ struct Flood {
     bool farMark;    ///< the last byte is a '#'
 };
 std::span<const Flood> floods();
-Block floodBlock(const Flood& flood, std::size_t size);
+test::Bytes floodBlock(const Flood& flood, std::size_t size);
 
 }  // namespace bench

@@ -9,6 +9,7 @@
 #include "core/device_registry.h"
 #include "core/reply_handlers.h"
 #include "core/scan.h"
+#include "protocol/commands.h"
 #include "registration.h"
 
 // Commands and text replies: a few a second at most, so they are only watched, as nanoseconds a call.
@@ -60,7 +61,7 @@ void commandThroughQueue(benchmark::State& state, std::size_t payloadLength) {
 void buildCommand(benchmark::State& state) {
     const Bytes payload(8, 0x5A);
     for (auto _ : state) {
-        benchmark::DoNotOptimize(commandFrame(0x21, payload).data());
+        benchmark::DoNotOptimize(protocol::commandFrame(0x21, payload));
     }
 }
 

@@ -1,8 +1,11 @@
 # CLI11 parses the tools' arguments. It is headers only, so the system's serve the cross build as well; they are reached
-# through a link of their own, because the rest of the system's headers must stay out of that build.
-find_path(VELMORA_CLI11_FOLDER CLI/CLI.hpp PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH REQUIRED)
-file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/cli11)
-file(CREATE_LINK ${VELMORA_CLI11_FOLDER}/CLI ${CMAKE_BINARY_DIR}/cli11/CLI SYMBOLIC)
-add_library(velmora_cli11 INTERFACE)
-add_library(velmora::cli11 ALIAS velmora_cli11)
-target_include_directories(velmora_cli11 SYSTEM INTERFACE ${CMAKE_BINARY_DIR}/cli11)
+# through a link of their own, because the rest of the system's headers must stay out of that build. Without CLI11 there is
+# no target velmora::cli11.
+find_path(VELMORA_CLI11_FOLDER CLI/CLI.hpp PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH)
+if(VELMORA_CLI11_FOLDER)
+    file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/cli11)
+    file(CREATE_LINK ${VELMORA_CLI11_FOLDER}/CLI ${CMAKE_BINARY_DIR}/cli11/CLI SYMBOLIC)
+    add_library(velmora_cli11 INTERFACE)
+    add_library(velmora::cli11 ALIAS velmora_cli11)
+    target_include_directories(velmora_cli11 SYSTEM INTERFACE ${CMAKE_BINARY_DIR}/cli11)
+endif()

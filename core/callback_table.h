@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "core/spin_lock.h"
+#include "base/spin_lock.h"
 
 namespace kxorbeta_if {
 

@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "core/spin_lock.h"
+#include "base/spin_lock.h"
 
 namespace kxorbeta_if {
 

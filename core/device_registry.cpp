@@ -3,16 +3,15 @@
 #include <algorithm>
 #include <string>
 
-#include "core/log.h"
-#include "core/reply_text.h"
-#include "core/text.h"
+#include "base/log.h"
+#include "protocol/reports.h"
 
 namespace kxorbeta_if {
 namespace {
 
 constexpr std::size_t kLongestList = 255;
 
-// A dongle has some 16 headsets; one that reports thousands makes addresses up, and must cost neither memory nor time
+// Indices go up to 15; a line that reports thousands makes addresses up, and must cost neither memory nor time
 // without end.
 constexpr std::size_t kMostDevices = 4096;
 
@@ -52,19 +51,16 @@ void DeviceRegistry::handleDeviceList(const char* text) {
     if (text == nullptr) {
         return;
     }
-    const std::string_view all(text);
-    const std::size_t marker = all.find(reply::kListPrefix);
-    if (marker == std::string_view::npos) {
+    const auto reply = protocol::readListReply(text);
+    if (!reply) {
         return;
     }
-    std::string_view list = all.substr(marker + reply::kListPrefix.size());
-    if (list.starts_with("none")) {
+    if (reply->none) {
         KX_LOG(verbosity::kInfo, "No device connected");
         resetAll();
         return;
     }
-    list = list.substr(0, list.find('\n')).substr(0, kLongestList);
-    std::vector<ble_device> reported = parseDeviceList(list);
+    std::vector<ble_device> reported = parseDeviceList(reply->entries.substr(0, kLongestList));
     resetAll();
     for (ble_device& device : reported) {
         addOrUpdateDevice(device);
@@ -103,17 +99,8 @@ void DeviceRegistry::resetAll() {
 
 std::vector<ble_device> parseDeviceList(std::string_view list) {
     std::vector<ble_device> devices;
-    forEachPiece(list, ';', [&](std::string_view entry) {
-        const std::size_t comma = entry.find(',');
-        if (comma == std::string_view::npos) {
-            return;
-        }
-        const std::string_view address = entry.substr(comma + 1);
-        if (!isHexText(address)) {
-            return;
-        }
-        ble_device& device = devices.emplace_back(address, 0, leadingNumber(entry.substr(0, comma)).value_or(0));
-        device.setState(1);
+    protocol::forEachListEntry(list, [&](std::string_view address, std::int32_t index) {
+        devices.emplace_back(address, 0, index).setState(1);
     });
     return devices;
 }

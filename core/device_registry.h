@@ -3,7 +3,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/spin_lock.h"
+#include "base/spin_lock.h"
 #include "sdk/devices/ble_device.h"
 
 namespace kxorbeta_if {

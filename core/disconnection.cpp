@@ -1,10 +1,9 @@
 #include "core/disconnection.h"
 
 #include <string>
-#include <string_view>
-#include <thread>
 
-#include "core/log.h"
+#include "base/log.h"
+#include "protocol/commands.h"
 
 namespace kxorbeta_if {
 
@@ -12,26 +11,27 @@ bool disconnectDevice(Context& context, const ble_device& device) {
     if (!context.port.isOpen() || context.flags.connecting || !context.flags.linkActive) {
         return false;
     }
-    std::string command = "AT+DISDEV=" + device.address();
+    std::string command(protocol::kDisconnectOne);
+    command += device.address();
     command.push_back('\0');
     context.commandQueue.push({reinterpret_cast<const std::uint8_t*>(command.data()), command.size()});
     return true;
 }
 
 bool disconnectAll(Context& context) {
-    constexpr std::string_view command("AT+DISCONN\0", 11);
     Flags& flags = context.flags;
     flags.recording = false;
     if (!flags.groupConnected) {
         return true;
     }
     // Past the queue: commands still waiting follow this one to the dongle.
-    context.port.write(command.data(), command.size());
+    context.port.write(protocol::kDisconnectAll.data(), protocol::kDisconnectAll.size());
     for (int poll = 0; poll < context.timing.drainPolls && context.commandQueue.size() > 0; ++poll) {
-        std::this_thread::sleep_for(context.timing.drainPoll);
+        context.clock.sleepFor(context.timing.drainPoll);
     }
     KX_LOG(verbosity::kInfo, "Devices disconnect");
     flags.linkActive = false;
+    context.linkThreads.prod();
     context.linkThreads.waitUntilEnded(context.timing.linkEndWait);
     // Last, so that no new connection begins before and the thread's last block is decoded like those before it.
     flags.groupConnected = false;

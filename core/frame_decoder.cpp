@@ -2,18 +2,16 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
-#include <cstring>
 
-#include "core/headset_protocol.h"
-#include "core/log.h"
+#include "base/log.h"
+#include "protocol/headset_frames.h"
 
 namespace kxorbeta_if {
 namespace {
 
-using namespace headset;
+using namespace protocol;
 
-static_assert(kShortResponse == 8 && kLongResponse == 16, "responses are summed eight bytes at a time");
+constexpr std::size_t kLargestInterleaved = std::size_t{16} * kSamples;
 
 // The two decoders read one grammar. What differs between them stands in these two sets of rules, side by side.
 
@@ -22,7 +20,7 @@ struct DeviceRules {
     int device;
 
     /// Whether a lost multi-channel packet is made up by one interleaved packet. The two decoders take the merged
-    /// layout in opposite senses; hosts rely on what each of them does.
+    /// layout in opposite senses: required; keep.
     static bool interleavedSubstitute(bool mergedChannels) { return !mergedChannels; }
 
     void logLoss(int channel, int loss, unsigned received, unsigned expected) const {
@@ -35,7 +33,7 @@ struct DeviceRules {
 
     /// The callback gets a copy: the queue's bytes are not the callback's to change.
     void deliver(const ResponseEntry entry, void* context, const std::uint8_t* frame, std::size_t length) const {
-        std::array<std::uint8_t, kLongResponse> copy{};
+        std::array<std::uint8_t, kLongResponseFrame> copy{};
         std::copy_n(frame, length, copy.begin());
         entry(context, device, frame[2], copy.data(), static_cast<int>(length));
     }
@@ -44,7 +42,7 @@ struct DeviceRules {
 /// A block that comes straight from the line.
 struct DirectRules {
     static constexpr int device = 0;
-    std::uint8_t* block;  // the bytes of the pass, modifiable
+    std::uint8_t* block;  // the bytes that are decoded, modifiable
 
     static bool interleavedSubstitute(bool mergedChannels) { return mergedChannels; }
 
@@ -58,28 +56,8 @@ struct DirectRules {
     }
 };
 
-static_assert(std::endian::native == std::endian::little, "samples are turned round, which compilers do in vectors");
-
-/// Samples come high byte first.
-void convertSamples(const std::uint8_t* from, int* to, std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) {
-        std::uint16_t word = 0;
-        std::memcpy(&word, from + 2 * i, 2);
-        to[i] = static_cast<std::int16_t>(static_cast<std::uint16_t>((word << 8) | (word >> 8)));
-    }
-}
-
-/// The sum of eight bytes, all at once: noise that looks like responses makes every second byte ask for it.
-unsigned sumOfEight(const std::uint8_t* bytes) {
-    constexpr std::uint64_t kEverySecondByte = 0x00FF00FF00FF00FF;
-    std::uint64_t word = 0;
-    std::memcpy(&word, bytes, sizeof word);
-    const std::uint64_t pairs = (word & kEverySecondByte) + ((word >> 8) & kEverySecondByte);
-    return static_cast<unsigned>((pairs * 0x0001000100010001) >> 48);  // the top 16 bits gather the four pairs
-}
-
 /// How many packets are missing. Across the wrap of the counter 255 is added, not 256, so that a loss there reads one
-/// less than it is; hosts and their logs know it so.
+/// less than it is: required; keep.
 int missingPackets(unsigned received, unsigned expected) {
     const int difference = static_cast<int>(received) - static_cast<int>(expected);
     return expected > received ? difference + 255 : difference;
@@ -118,73 +96,76 @@ class FramePass {
 
     /// `left` bytes lie at `frame`, at least kShortestFrame. The number consumed, or kWait.
     std::size_t decodeOne(const std::uint8_t* frame, std::size_t left) const {
-        if (frame[0] == kDataStart) {
-            if (frame[1] != kDataStart) {
-                return kSkip;
-            }
-            switch (frame[2]) {
-                case kRawKind:
-                    return raw(frame, left);
-                case kPostKind:
-                    return post(frame, left);
-                case kBatteryKind:
-                    return battery(frame);
-                default:
-                    return kSkip;
-            }
+        switch (classify(frame, left)) {
+            case FrameKind::kRaw:
+                raw(frame);
+                return kRawFrame;
+            case FrameKind::kPost:
+                post(frame);
+                return kPostFrame;
+            case FrameKind::kBattery:
+                battery(frame);
+                return kBatteryFrame;
+            case FrameKind::kShortResponse:
+                response(frame, kShortResponseFrame);
+                return kShortResponseFrame;
+            case FrameKind::kLongResponse:
+                response(frame, kLongResponseFrame);
+                return kLongResponseFrame;
+            case FrameKind::kIncompleteRaw:
+                KX_LOG(verbosity::kWarning, "Parse data error, not enough data. %d ", static_cast<int>(left));
+                return kWait;
+            case FrameKind::kIncompletePost:
+            case FrameKind::kIncompleteResponse:
+                return kWait;
+            case FrameKind::kNoStart:
+                break;
+            case FrameKind::kInvalidChannel:
+                KX_LOG(verbosity::kWarning, "Parse data error, channel invalid %x.", static_cast<unsigned>(frame[3]));
+                break;
+            case FrameKind::kNoChannels:
+                KX_LOG(verbosity::kWarning, "Parse data error, channel is 0.");
+                break;
+            case FrameKind::kNoResponseStart:
+                KX_LOG(verbosity::kWarning, "Parse data error, lost sync for command. length: %d ",
+                       static_cast<int>(left));
+                break;
+            case FrameKind::kInvalidCheckByte:
+                KX_LOG(verbosity::kWarning, "Response checksum error.");
+                KX_LOG(verbosity::kWarning, "Parse data error, lost sync for command2. length: %d ",
+                       static_cast<int>(left));
+                break;
         }
-        return frame[0] == kResponseStart ? response(frame, left) : kSkip;
+        return kSkip;
     }
 
-    std::size_t battery(const std::uint8_t* frame) const {
+    void battery(const std::uint8_t* frame) const {
         if (recording()) {
             if (const BattInfoEntry entry = tables_.callbacks.battInfo.load()) {
-                entry(context(), rules_.device, frame[4], (frame[5] & 0x3Fu) * 100);
+                const BatteryFields fields = readBattery(frame);
+                entry(context(), rules_.device, fields.level, fields.value);
             }
         }
-        return kBatteryFrame;
     }
 
-    std::size_t post(const std::uint8_t* frame, std::size_t left) const {
-        if (left < kPostFrame) {
-            return kWait;
-        }
+    void post(const std::uint8_t* frame) const {
         if (recording()) {
             if (const PostDataEntry entry = tables_.callbacks.postData.load()) {
-                std::array<unsigned int, 8> values{};
-                for (std::size_t i = 0; i < values.size(); ++i) {
-                    const std::uint8_t* const value = frame + 11 + 3 * i;
-                    values[i] =
-                        (static_cast<unsigned>(value[0]) << 16) | (static_cast<unsigned>(value[1]) << 8) | value[2];
-                }
-                const bool hasFourth = frame[5] == 8;
-                // Post data carries device 0 whichever headset sent it; hosts are built on that.
-                entry(context(), 0, frame[4], frame[6], frame[8], hasFourth ? frame[7] : std::uint8_t{0},
-                      values.data());
+                PostFields fields = readPost(frame);
+                const auto& values = fields.values;
+                // Post data carries device 0 whichever headset sent it: required; keep.
+                entry(context(), 0, values[0], values[1], values[2], values[3], fields.bands.data());
             }
         }
-        return kPostFrame;
     }
 
-    std::size_t raw(const std::uint8_t* frame, std::size_t left) const {
-        if (left < kRawFrame) {
-            KX_LOG(verbosity::kWarning, "Parse data error, not enough data. %d ", static_cast<int>(left));
-            return kWait;
-        }
-        const std::uint8_t channelByte = frame[3];
-        const int low = channelByte & 0x0F;
-        if ((channelByte & 0x80) != 0) {
-            singleChannel(frame, low);
-        } else if ((channelByte & 0x40) == 0) {
-            KX_LOG(verbosity::kWarning, "Parse data error, channel invalid %x.", static_cast<unsigned>(channelByte));
-            return kSkip;
-        } else if (low == 0) {
-            KX_LOG(verbosity::kWarning, "Parse data error, channel is 0.");
-            return kSkip;
+    void raw(const std::uint8_t* frame) const {
+        const ChannelByte channel{frame[3]};
+        if (channel.single()) {
+            singleChannel(frame, channel.number());
         } else {
-            multiChannel(frame, low);
+            multiChannel(frame, channel.number());
         }
-        return kRawFrame;
     }
 
     /// The raw data entry while data is wanted, else null.
@@ -201,7 +182,7 @@ class FramePass {
         counters.received(device, channel, received);
         if (const RawDataEntry entry = rawEntry()) {
             std::array<int, kSamples> samples;
-            convertSamples(frame + kSampleOffset, samples.data(), kSamples);
+            convertSamples(frame, samples.data());
             entry(context(), device, channel, samples.data(), kSamples);
         }
     }
@@ -209,11 +190,11 @@ class FramePass {
     [[gnu::cold, gnu::noinline]] void bridgeSingleChannel(int channel, unsigned received, unsigned expected) const {
         const int loss = missingPackets(received, expected);
         rules_.logLoss(channel, loss, received, expected);
-        for (int lost = 0; bridged(loss) && lost < loss; ++lost) {
-            if (const RawDataEntry entry = rawEntry()) {
-                std::array<int, kSamples> zeros{};
-                entry(context(), rules_.device, channel, zeros.data(), kSamples);
-            }
+        // Asked once: a callback that stops collection, or takes itself out, still gets what the loss is made up by.
+        const RawDataEntry entry = bridged(loss) ? rawEntry() : nullptr;
+        for (int lost = 0; entry != nullptr && lost < loss; ++lost) {
+            std::array<int, kSamples> zeros{};
+            entry(context(), rules_.device, channel, zeros.data(), kSamples);
         }
     }
 
@@ -229,19 +210,16 @@ class FramePass {
         if (received != expected) {
             const int loss = missingPackets(received, expected);
             rules_.logMultiLoss(loss);
-            for (int lost = 0; bridged(loss) && lost < loss; ++lost) {
-                substituteMultiChannel(channels);
+            const RawDataEntry entry = bridged(loss) ? rawEntry() : nullptr;
+            for (int lost = 0; entry != nullptr && lost < loss; ++lost) {
+                substituteMultiChannel(entry, channels);
             }
         }
         tables_.packetCounters.received(rules_.device, 0, received);
         deliverMultiChannel(frame, channels);
     }
 
-    void substituteMultiChannel(int channels) const {
-        const RawDataEntry entry = rawEntry();
-        if (entry == nullptr) {
-            return;
-        }
+    void substituteMultiChannel(RawDataEntry entry, int channels) const {
         if (rules_.interleavedSubstitute(merged())) {
             // Announces 112 values a channel, more than a real interleaved packet holds.
             std::array<int, kLargestInterleaved> zeros{};
@@ -261,7 +239,7 @@ class FramePass {
         }
         const int perChannel = kSamples / channels;
         std::array<int, kSamples> interleaved;
-        convertSamples(frame + kSampleOffset, interleaved.data(), kSamples);
+        convertSamples(frame, interleaved.data());
         if (merged()) {
             entry(context(), rules_.device, -channels, interleaved.data(), perChannel * channels);
             return;
@@ -275,36 +253,7 @@ class FramePass {
         }
     }
 
-    std::size_t response(const std::uint8_t* frame, std::size_t left) const {
-        if (frame[1] != kResponseSecond && frame[1] != kResponseOtherSecond) {
-            KX_LOG(verbosity::kWarning, "Parse data error, lost sync for command. length: %d ", static_cast<int>(left));
-            return kSkip;
-        }
-        // Both lengths are announced by the same start bytes; only the check byte tells them apart.
-        const unsigned shortSum = sumOfEight(frame);
-        if (checkByteHolds(frame, shortSum)) {
-            deliverResponse(frame, kShortResponse);
-            return kShortResponse;
-        }
-        if (left < kLongResponse) {
-            return kWait;
-        }
-        if (checkByteHolds(frame, shortSum + sumOfEight(frame + kShortResponse))) {
-            deliverResponse(frame, kLongResponse);
-            return kLongResponse;
-        }
-        KX_LOG(verbosity::kWarning, "Response checksum error.");
-        KX_LOG(verbosity::kWarning, "Parse data error, lost sync for command2. length: %d ", static_cast<int>(left));
-        return kSkip;
-    }
-
-    /// Whether a response whose bytes add up to `sum` is sound: a check byte, the complement of the others' sum, makes
-    /// all bytes but the start bytes add up to 0xFF.
-    static bool checkByteHolds(const std::uint8_t* frame, unsigned sum) {
-        return static_cast<std::uint8_t>(sum - frame[0] - frame[1]) == 0xFF;
-    }
-
-    void deliverResponse(const std::uint8_t* frame, std::size_t length) const {
+    void response(const std::uint8_t* frame, std::size_t length) const {
         const SpinGuard guard(tables_.callbacks.responseLock);
         if (const ResponseEntry entry = tables_.callbacks.response.load()) {
             rules_.deliver(entry, context(), frame, length);

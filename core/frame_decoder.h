@@ -18,7 +18,7 @@ struct DecoderTables {
 };
 
 /// The device decoder: decodes the frames of one headset and calls the callbacks on the calling thread.
-/// `bytes` begin where the last pass ended. Returns how many were consumed; the rest is an incomplete frame (at most
+/// `bytes` begin where the last call ended. Returns how many were consumed; the rest is an incomplete frame (at most
 /// 229 bytes), to be given again with more bytes behind it. `device` is 0 to 15.
 std::size_t decodeDeviceFrames(const DecoderTables& tables, int device, std::span<const std::uint8_t> bytes);
 

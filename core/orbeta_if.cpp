@@ -1,156 +1,109 @@
 #include "core/orbeta_if.h"
 
-#include <algorithm>
-#include <array>
+#include <chrono>
 #include <cstdint>
 #include <span>
-#include <string_view>
 
-#include "core/log.h"
-#include "core/pinned_thread.h"
-#include "core/reply_handlers.h"
-#include "core/reply_text.h"
+#include "base/contained.h"
+#include "base/log.h"
+#include "base/on_exit.h"
+#include "base/pinned_thread.h"
+#include "base/text.h"
+#include "core/receive_buffer.h"
+#include "core/report_router.h"
 #include "core/stream_framer.h"
-#include "core/text.h"
 
 namespace kxorbeta_if {
 namespace {
 
-constexpr std::size_t kReadSize = 10240;
-constexpr std::size_t kLongestHistory = 512;  // exclusive
 constexpr std::size_t kLongestCommand = 512;  // exclusive
-constexpr std::size_t kLongestText = 2999;
-constexpr unsigned kPassesBetweenCommands = 30;
+constexpr unsigned kIterationsBetweenCommands = 30;
 
 class LinkThread {
   public:
     explicit LinkThread(Context& context)
-        : context_(context), framer_(context.receiveTables, context.callbacks, context.flags) {}
+        : context_(context),
+          framer_(context.receiveTables, context.callbacks, context.flags),
+          buffer_(context.flags),
+          reports_({context.registry, context.callbacks}) {}
 
     void run() {
         context_.callbacks.raise(Event::kLinkStarted, 0, nullptr);
         KX_LOG(verbosity::kInfo, "Main thread start");
-        context_.receiveTables.deviceStreams.claim();
-        context_.receiveTables.packetCounters.forgetAll();
-
-        bool restarted = false;
-        while (context_.flags.linkActive && !restarted) {
-            try {
-                restarted = pass();
-            } catch (...) {
-                // What one pass could not do for want of memory is lost; the stream goes on.
-                history_.clear();
-            }
-            ++passes_;
-        }
-        if (restarted) {
-            announceRestart();
-        }
-
-        context_.receiveTables.deviceStreams.release();
-        context_.flags.linkStarted = false;
+        decode();
         context_.callbacks.raise(Event::kLinkStopped, 0, nullptr);
         KX_LOG(verbosity::kInfo, "Main thread stop");
     }
 
   private:
+    /// The thread's loop. It leaves tables and flag as a stopped thread does, also when the thread ends inside a host's
+    /// callback.
+    void decode() {
+        context_.receiveTables.deviceStreams.claim();
+        const OnExit stopped([&] {
+            context_.receiveTables.deviceStreams.release();
+            context_.flags.linkStarted = false;
+        });
+        context_.receiveTables.packetCounters.forgetAll();
+        bool restarted = false;
+        while (context_.flags.linkActive && !restarted) {
+            // What one iteration could not do for want of memory is lost; the stream goes on.
+            restarted = contained([&] { return iterate(); },
+                                  [&] {
+                                      buffer_.dropHistory();
+                                      return false;
+                                  });
+            ++iterations_;
+        }
+        if (restarted) {
+            announceRestart();
+        }
+    }
+
     /// True when the dongle has restarted.
-    bool pass() {
+    bool iterate() {
         if (!context_.flags.linkStarted) {
             context_.flags.linkStarted = true;
         }
         sendNextCommand();
-        const int count =
-            context_.port.read(area_.data() + kLongestHistory, kReadSize, context_.timing.linkReadTimeoutMs);
+        const std::uint32_t timeoutMs = context_.timing.linkReadTimeoutMs;
+        const int count = context_.port.read(buffer_.room().data(), ReceiveBuffer::kReadSize, timeoutMs);
+        if (count < 0) {
+            // The line is gone, and the thread lives on: it must not burn a core, and commands keep their pace.
+            context_.linkThreads.pause(std::chrono::milliseconds(timeoutMs));
+        }
         if (count < 1) {
             return false;
         }
-        const auto chunk = std::span(area_).subspan(kLongestHistory, static_cast<std::size_t>(count));
+        const auto chunk = buffer_.room().first(static_cast<std::size_t>(count));
         if (context_.flags.rawDump) {
             KX_LOG(verbosity::kTraffic, "REV:%s", hexText(chunk).c_str());
         }
-        handleReports(asText(chunk));
-        if (holdsReply(asText(chunk), reply::kBootup)) {
+        if (reports_.route(asText(chunk))) {
             return true;
         }
-        parse(chunk);
+        buffer_.parse(chunk.size(), framer_);
         return false;
     }
 
     void sendNextCommand() {
-        if (passes_ <= kPassesBetweenCommands) {
+        if (iterations_ <= kIterationsBetweenCommands) {
             return;
         }
         const auto command = context_.commandQueue.pop();
         if (!command) {
             return;
         }
-        passes_ = 0;
-        // The dongle takes no longer ones; an empty one is nothing to write.
+        iterations_ = 0;
+        // A longer one is dropped: required; keep. An empty one is nothing to write.
         if (!command->empty() && command->size() < kLongestCommand) {
             KX_LOG(verbosity::kInfo, "Cmd: %s", hexText(*command).c_str());
             context_.port.write(command->data(), command->size());
         }
     }
 
-    void handleReports(std::string_view chunk) {
-        const bool disconnected = holdsReply(chunk, reply::kClientDisconnected);
-        const bool list = holdsReply(chunk, reply::kList);
-        const bool connected = holdsReply(chunk, reply::kServiceConnected);
-        if (!disconnected && !list && !connected) {
-            return;
-        }
-        const ReportTargets targets{context_.registry, context_.callbacks};
-        const char* const text = printableText(chunk);
-        if (disconnected) {
-            handleClientDisconnected(targets, text);
-        }
-        if (list) {
-            context_.registry.handleDeviceList(text);
-        }
-        if (connected) {
-            handleServiceConnected(targets, text);
-        }
-    }
-
-    /// The chunk's printable characters and line feeds, zero-terminated: reports may stand between binary data.
-    const char* printableText(std::string_view chunk) {
-        text_.fill(0);
-        std::size_t length = 0;
-        for (const char c : chunk) {
-            if (length == kLongestText) {
-                break;
-            }
-            if ((c >= 0x20 && c <= 0x7E) || c == '\n') {
-                text_[length++] = c;
-            }
-        }
-        return text_.data();
-    }
-
-    void parse(std::span<std::uint8_t> chunk) {
-        if (history_.length() == 0) {
-            framer_.parse(chunk, history_);
-            return;
-        }
-        const auto history = history_.bytes();
-        std::size_t inFront = history.size();
-        if (context_.flags.rawDump) {
-            KX_LOG(verbosity::kTraffic, "HIST%d:%s", history_.length(), hexText(history).c_str());
-        }
-        if (inFront >= kLongestHistory) {
-            KX_LOG(verbosity::kWarning, "History data full");
-            inFront = 0;
-        }
-        std::copy_n(history.begin(), inFront, area_.begin() + static_cast<std::ptrdiff_t>(kLongestHistory - inFront));
-        framer_.parse(std::span(area_).subspan(kLongestHistory - inFront, inFront + chunk.size()), history_);
-        // Only a block that began without history may pass a remainder on; the parser finds the next frame by itself.
-        history_.clear();
-    }
-
     /// The dongle has restarted and forgotten its headsets. The event lock is taken twice when a callback is installed,
-    /// which never succeeds: the thread stops here for good and no event reaches the process any more. Hosts know a
-    /// restarted dongle by exactly this silence.
+    /// which never succeeds: the thread stops here for good and no event reaches the process any more. Required; keep.
     void announceRestart() {
         CallbackTable& callbacks = context_.callbacks;
         callbacks.eventLock.lock();
@@ -163,27 +116,31 @@ class LinkThread {
 
     Context& context_;
     StreamFramer framer_;
-    History history_;
-    unsigned passes_ = 0;  // since the last command was taken
-    // The history's place lies directly in front of what is read, so that a frame split over two reads is one block.
-    std::array<std::uint8_t, kLongestHistory + kReadSize> area_{};
-    std::array<char, kLongestText + 1> text_{};
+    ReceiveBuffer buffer_;
+    ReportRouter reports_;
+    unsigned iterations_ = 0;  // since the last command was taken
 };
 
 }  // namespace
 
-void runLinkThread(Context& context) noexcept {
+void runLinkThread(Context& context) {
     context.linkThreads.enteredOnThisThread();
+    Clock& clock = context.clock;  // the context may go once the thread is counted out
+    const OnExit countedOut([&] {
+        context.linkThreads.ended();
+        clock.threadEnding();
+    });
     LinkThread(context).run();
-    context.linkThreads.ended();
 }
 
 void startLinkThread(Context& context) {
     context.linkThreads.starting();
+    context.clock.threadStarting();
     try {
         startPinnedThread([&context] { runLinkThread(context); });
     } catch (...) {
         context.linkThreads.ended();
+        context.clock.threadEnding();
         throw;
     }
 }

@@ -28,7 +28,7 @@ void handleServiceConnected(const ReportTargets& targets, const char* text);
 int collectGroupConnections(const ReportTargets& targets, std::string_view text);
 
 /// Link thread: the first "Client disconnected" of the text sets that headset's state to 0 and raises the
-/// "disconnected" event, whether or not the registry knows it. A report without a sound address is ignored. Null does
+/// "disconnected" event, whether or not the registry knows it. A report without a valid address is ignored. Null does
 /// nothing.
 void handleClientDisconnected(const ReportTargets& targets, const char* text);
 

@@ -14,7 +14,7 @@ namespace kxorbeta_if {
 /// be started; `scanning` then stays set.
 bool scan(Context& context);
 
-/// Takes in one block of scan text: each sound line of a headset of this family that the list does not hold yet.
+/// Takes in one block of scan text: each valid line of a headset of this family that the list does not hold yet.
 /// `block` is what one read returned; only its part before the first zero byte is text. False when it is too short to
 /// hold a line; no caller asks.
 bool parseScanLines(std::string_view block, ScanWorkingList& list);

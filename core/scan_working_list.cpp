@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace kxorbeta_if {
 

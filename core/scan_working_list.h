@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "core/spin_lock.h"
+#include "base/spin_lock.h"
 #include "sdk/devices/ble_device.h"
 
 namespace kxorbeta_if {

@@ -2,30 +2,26 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <string_view>
 
+#include "base/log.h"
+#include "base/text.h"
 #include "core/frame_decoder.h"
-#include "core/log.h"
-#include "core/text.h"
+#include "protocol/data_header.h"
 
 namespace kxorbeta_if {
 namespace {
 
-constexpr std::string_view kMarker = "AT+DAT";
-constexpr std::size_t kShortestFrame = 10;  // marker, two one-digit numbers, ':' and '#'
-constexpr std::size_t kFarthestMark = 16;   // '#' counted from the frame's first byte
+using protocol::DataHeader;
+using protocol::kDataMarker;
+using protocol::kFarthestMark;
+using protocol::kShortestDataFrame;
+
 constexpr std::size_t kSkippedForLog = 128;
 
 int asInt(std::size_t count) {
     return static_cast<int>(count);
 }
-
-struct Header {
-    std::size_t length = 0;  // up to and with the '#'
-    int device = 0;
-    std::size_t payload = 0;
-};
 
 /// Bytes that were passed over since the last frame, for one record of them all. An object of its own, so that the walk
 /// itself can live in registers.
@@ -66,9 +62,11 @@ class BlockWalk {
         : block_(block), tables_(tables), decoder_(decoder), rawDump_(rawDump), skipped_(skipped), history_(history) {}
 
     void run() {
-        while (left() >= kShortestFrame) {
-            Header header;
-            if (!readPlainHeader(header)) [[unlikely]] {
+        while (left() >= kShortestDataFrame) {
+            DataHeader header;
+            // Digits on both sides of the ':', and not too near the block's end: nearly every frame comes this way.
+            if (left() < protocol::kLongestHeader || !protocol::readPlainHeader(block_.data() + position_, header))
+                [[unlikely]] {
                 if (!findFrame(header)) {
                     return;
                 }
@@ -102,33 +100,31 @@ class BlockWalk {
   private:
     std::size_t left() const { return block_.size() - position_; }
     std::span<const std::uint8_t> rest() const { return block_.subspan(position_); }
-    bool markerAt(std::size_t place) const {
-        return std::memcmp(block_.data() + place, kMarker.data(), kMarker.size()) == 0;
-    }
+    bool syncWordAt(std::size_t place) const { return protocol::isDataMarker(block_.data() + place); }
 
-    /// Moves to the next frame with a sound header that readPlainHeader() does not read, or that has bytes without a
+    /// Moves to the next frame with a valid header that is not plain, or that has bytes without a
     /// frame before it. False when the block ended first; its rest is then dealt with.
-    bool findFrame(Header& header) {
-        bool lostSync = true;  // what the last failed attempt was: no marker, or a marker with a bad header
-        while (left() >= kShortestFrame) {
-            if (!markerAt(position_)) {
-                skipToMarker();
+    bool findFrame(DataHeader& header) {
+        bool lostSync = true;  // what the last failed attempt was: no sync word, or a sync word with a bad header
+        while (left() >= kShortestDataFrame) {
+            if (!syncWordAt(position_)) {
+                skipToSyncWord();
                 lostSync = true;
                 continue;
             }
-            const std::size_t mark = findMark();
-            if (mark == block_.size()) {
+            const std::size_t delimiter = findDelimiter();
+            if (delimiter == block_.size()) {
                 KX_LOG(verbosity::kWarning, "Parse data error, no # mark.");
                 history_.clear();
                 return false;
             }
-            if (mark - position_ > kFarthestMark) {
+            if (delimiter - position_ > kFarthestMark) {
                 KX_LOG(verbosity::kWarning, "Parse data error, sync lost 3.");
                 ++position_;
                 continue;
             }
             lostSync = false;
-            if (readHeader(mark, header)) {
+            if (readHeader(delimiter, header)) {
                 return true;
             }
             ++position_;
@@ -142,45 +138,16 @@ class BlockWalk {
         return false;
     }
 
-    /// The header as a sound dongle writes it, digits on both sides of the ':'; false for any other, sound or not, and
-    /// at the block's end, which findFrame() then reads in full. Nearly every frame comes this way.
-    bool readPlainHeader(Header& header) const {
-        if (left() <= kFarthestMark || !markerAt(position_)) {
-            return false;
-        }
-        const std::uint8_t* const start = block_.data() + position_;
-        const std::uint8_t* const last = start + kFarthestMark;
-        const std::uint8_t* next = start + kMarker.size();
-        // At most ten digits stand before the farthest mark, nine of them beside a ':', so nothing overflows.
-        const auto number = [&] {
-            std::uint32_t value = 0;
-            for (; next < last && *next >= '0' && *next <= '9'; ++next) {
-                value = value * 10 + (*next - std::uint32_t{'0'});
-            }
-            return value;
-        };
-        const std::uint32_t device = number();
-        if (*next++ != ':') {
-            return false;
-        }
-        const std::uint32_t payload = number();
-        if (next > last || *next != '#') {
-            return false;
-        }
-        header = {static_cast<std::size_t>(next + 1 - start), static_cast<int>(device), payload};
-        return true;
-    }
-
-    /// Passes over bytes that begin no frame: at least one, and on to the next marker or the block's end.
-    void skipToMarker() {
+    /// Skips bytes that begin no frame: at least one, and on to the next sync word or the block's end.
+    void skipToSyncWord() {
         if (tables_.syncErrorState == ReceiveTables::kWaitedForData) {
             tables_.syncErrorState = 0;
             KX_LOG(verbosity::kWarning, "Parse sync error was not fixed.");
         }
-        const std::size_t end = block_.size() - kShortestFrame + 1;  // a frame cannot begin here or later
-        // Byte by byte: a search call for each candidate is what a flood of first letters would make dear.
+        const std::size_t end = block_.size() - kShortestDataFrame + 1;  // a frame cannot begin here or later
+        // Byte by byte: a search call for each candidate is what a flood of first letters would make expensive.
         std::size_t to = position_ + 1;
-        while (to < end && !markerAt(to)) {
+        while (to < end && !syncWordAt(to)) {
             ++to;
         }
         skipped_.add(block_.subspan(position_, to - position_));
@@ -188,39 +155,35 @@ class BlockWalk {
     }
 
     /// The next '#' at or after the position, or the block's end when a zero byte or the end comes first. The answer is
-    /// kept while it lies ahead: a flood of markers before one far '#' must not search the same bytes again.
-    std::size_t findMark() {
-        if (markStop_ < position_ || !markKnown_) {
-            markStop_ = position_;
-            while (markStop_ < block_.size() && block_[markStop_] != '#' && block_[markStop_] != 0) {
-                ++markStop_;
+    /// kept while it lies ahead: a flood of sync words before one far '#' must not search the same bytes again.
+    std::size_t findDelimiter() {
+        if (delimiterStop_ < position_ || !delimiterKnown_) {
+            delimiterStop_ = position_;
+            while (delimiterStop_ < block_.size() && block_[delimiterStop_] != '#' && block_[delimiterStop_] != 0) {
+                ++delimiterStop_;
             }
-            markKnown_ = true;
+            delimiterKnown_ = true;
         }
-        return markStop_ < block_.size() && block_[markStop_] == '#' ? markStop_ : block_.size();
+        return delimiterStop_ < block_.size() && block_[delimiterStop_] == '#' ? delimiterStop_ : block_.size();
     }
 
-    bool readHeader(std::size_t mark, Header& header) const {
+    bool readHeader(std::size_t delimiter, DataHeader& header) const {
         const std::string_view text =
-            asText(block_.subspan(position_ + kMarker.size(), mark - position_ - kMarker.size()));
-        const std::size_t colon = text.find(':');
-        if (colon == std::string_view::npos) {
-            KX_LOG(verbosity::kWarning, "Parse data error, convert frame len failed2.");
-            return false;
+            asText(block_.subspan(position_ + kDataMarker.size(), delimiter - position_ - kDataMarker.size()));
+        switch (protocol::readHeaderText(text, header)) {
+            case protocol::HeaderText::kNoColon:
+                KX_LOG(verbosity::kWarning, "Parse data error, convert frame len failed2.");
+                return false;
+            case protocol::HeaderText::kNegativeLength:
+                KX_LOG(verbosity::kWarning, "Parse data error, convert frame len failed.");
+                return false;
+            case protocol::HeaderText::kRead:
+                break;
         }
-        // Text that is not a number counts as 0; ten characters cannot exceed 32 bits.
-        const int payload = leadingNumber(text.substr(colon + 1)).value_or(0);
-        if (payload < 0) {
-            KX_LOG(verbosity::kWarning, "Parse data error, convert frame len failed.");
-            return false;
-        }
-        header.length = mark + 1 - position_;
-        header.device = leadingNumber(text.substr(0, colon)).value_or(0);
-        header.payload = static_cast<std::size_t>(payload);
         return true;
     }
 
-    void take(const Header& header) {
+    void take(const DataHeader& header) {
         tables_.deviceStreams.emptyIfRequested();
         if (header.device < 0 || header.device >= kDeviceSlots) {
             return;  // no headset has that number; the frame is passed over whole
@@ -250,8 +213,8 @@ class BlockWalk {
     History& history_;
 
     std::size_t position_ = 0;
-    std::size_t markStop_ = 0;
-    bool markKnown_ = false;
+    std::size_t delimiterStop_ = 0;
+    bool delimiterKnown_ = false;
 };
 
 }  // namespace

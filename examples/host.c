@@ -1,5 +1,5 @@
-/* A complete host: finds the dongle, connects the first headset, collects for ten seconds, disconnects.
- * Usage: host [PORT], for example: host COM5. Progress and the reasons for failures: kxsdk.log. */
+/* A complete host: finds the dongle, connects the first headset, sends a command, collects for five seconds,
+ * disconnects. Usage: host [PORT], for example: host COM5. What the library noticed on its way: kxsdk.log. */
 #include <stdio.h>
 
 #include "VelmoraSDK.h"
@@ -45,19 +45,20 @@ static int run(const char* port) {
         port = SDK_CheckPort(); /* valid until its next call */
     }
     if (port[0] == '\0' || !SDK_ConnectPort(port)) {
-        fprintf(stderr, "no dongle\n");
+        fprintf(stderr, "no dongle: is it plugged in, not in use elsewhere, and may this user open its port?\n");
         return 1;
     }
     if (!SDK_ScanDevices() || !SDK_GetScanDevice(0, &headset)) {
-        fprintf(stderr, "no headset\n");
+        fprintf(stderr, "no headset: is it switched on and near, and is this the dongle's port?\n");
         return 1;
     }
     printf("connecting %s (%s)\n", headset.name, headset.address);
     if (!SDK_ConnectDevice(headset.address, headset.option) || !SDK_StartDataCollection()) {
-        fprintf(stderr, "no connection\n");
+        fprintf(stderr, "no connection: is the headset still on and near, and not connected elsewhere?\n");
         return 1;
     }
-    wait_seconds(10);
+    SDK_SendCommand(0, 0x01); /* to all; the codes are the headset's */
+    wait_seconds(5);
     SDK_DisconnectPort(); /* while collecting: so the dongle is told to drop the headset */
     printf("%ld packets, %ld of them zeros, %ld battery reports\n", packets, zero_packets, battery_reports);
     return packets > 0 ? 0 : 1;

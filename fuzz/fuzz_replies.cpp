@@ -3,8 +3,8 @@
 #include <memory>
 #include <span>
 
+#include "base/text.h"
 #include "core/reply_handlers.h"
-#include "core/text.h"
 #include "fuzz_support.h"
 #include "support/exact_block.h"
 

@@ -3,8 +3,8 @@
 #include <span>
 #include <string>
 
+#include "base/text.h"
 #include "core/scan.h"
-#include "core/text.h"
 #include "fuzz_support.h"
 #include "support/exact_block.h"
 

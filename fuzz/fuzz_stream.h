@@ -4,11 +4,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 
 #include "core/stream_framer.h"
 #include "fuzz_support.h"
-#include "support/link_model.h"
+#include "support/feed.h"
 
 namespace fuzz {
 
@@ -75,17 +76,16 @@ inline void readStream(std::span<const std::uint8_t> input, bool framed) {
     host.install(callbacks);
     tables.deviceStreams.claim();
     kxorbeta_if::StreamFramer framer(tables, callbacks, flags);
-    kxorbeta_if::History history;
-    test::LinkModel link(framer, history);
+    const auto buffer = std::make_unique<kxorbeta_if::ReceiveBuffer>(flags);
     for (std::size_t read = 0; !input.empty(); ++read) {
         const std::size_t length = std::min<std::size_t>(1 + 40u * lengths[read % 4], input.size());
-        link.feed(input.first(length));
+        test::feed(*buffer, framer, input.first(length));
         input = input.subspan(length);
         // What waits is never more than one incomplete frame.
         for (int device = 0; device < kxorbeta_if::kDeviceSlots; ++device) {
             require(tables.deviceStreams[device].bytes().size() < 230);
         }
-        require(framed || history.length() < 230);
+        require(framed || buffer->history().length() < 230);
     }
 }
 

@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <loguru/loguru.hpp>
 
-#include "core/log.h"
+#include "base/log.h"
 
-#include "core/log.h"
+#include "base/log.h"
 
 /// What the fuzz targets share.
 namespace fuzz {

@@ -17,7 +17,7 @@ struct DongleSearch {
 };
 
 /// Asks the device on an open port whether it is a dongle: 0 when it answers the ping with exactly "AT+OK", else -1.
-int probeDongle(SerialPort& port, std::uint32_t timeoutMs);
+int probeDongle(Port& port, std::uint32_t timeoutMs);
 
 /// Tries the ports COM1 to COM98 in this order and returns the device path of the first on which a dongle answers, or
 /// an empty text. Five attempts for each port, two pings an attempt; no port stays open. Logs the outcome.
@@ -25,6 +25,6 @@ std::string findDongle(const DongleSearch& search);
 
 /// Opens `port` at the dongle's settings: `portName` is a port's name without prefix. True when it is ready. Logs a
 /// failure; after one that came later than the opening itself the port stays open.
-bool openDonglePort(SerialPort& port, const char* portName);
+bool openDonglePort(Port& port, const char* portName);
 
 }  // namespace kxorbeta_if

@@ -3,11 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <thread>
 #include <utility>
 
 #include "link/line_settings.h"
-#include "link/serial_native.h"
 
 namespace kxorbeta_if {
 namespace {
@@ -20,7 +18,7 @@ constexpr std::array kStopBits = {LineSettings::Stop::kOne, LineSettings::Stop::
 constexpr std::array kParities = {LineSettings::Parity::kNone, LineSettings::Parity::kEven, LineSettings::Parity::kOdd,
                                   LineSettings::Parity::kMark, LineSettings::Parity::kSpace};
 
-constexpr int kNotOpen = -1;  // what reading and writing a closed port come to
+constexpr std::chrono::milliseconds kEarlyAnswerPause{10};
 
 /// Looks an index up in a table; false when it lies outside.
 template <typename Value, std::size_t Size>
@@ -32,46 +30,117 @@ bool choose(const std::array<Value, Size>& table, int index, Value& value) {
     return true;
 }
 
-SerialPort::Result checkSettings(std::uint32_t baud, int dataBitsIndex, int parityIndex, int stopBitsIndex,
-                                 LineSettings& settings) {
+Port::Result checkSettings(std::uint32_t baud, int dataBitsIndex, int parityIndex, int stopBitsIndex,
+                           LineSettings& settings) {
     settings.baud = baud;
     if (std::find(kBaudRates.begin(), kBaudRates.end(), baud) == kBaudRates.end()) {
-        return SerialPort::kBadBaud;
+        return Port::kBadBaud;
     }
     if (!choose(kDataBits, dataBitsIndex, settings.dataBits)) {
-        return SerialPort::kBadDataBits;
+        return Port::kBadDataBits;
     }
     if (!choose(kStopBits, stopBitsIndex, settings.stop)) {
-        return SerialPort::kBadStopBits;
+        return Port::kBadStopBits;
     }
     if (!choose(kParities, parityIndex, settings.parity)) {
-        return SerialPort::kBadParity;
+        return Port::kBadParity;
     }
-    return SerialPort::kOpened;
+    return Port::kOpened;
 }
 
-SerialPort::Result setUp(serial_native::Port& port, std::uint32_t baud, int dataBitsIndex, int parityIndex,
-                         int stopBitsIndex) {
-    if (!serial_native::readSettings(port)) {
-        return SerialPort::kReadSettingsFailed;
+Port::Result setUp(NativePort& port, std::uint32_t baud, int dataBitsIndex, int parityIndex, int stopBitsIndex) {
+    if (!port.readSettings()) {
+        return Port::kReadSettingsFailed;
     }
     LineSettings settings;
-    const SerialPort::Result checked = checkSettings(baud, dataBitsIndex, parityIndex, stopBitsIndex, settings);
-    if (checked != SerialPort::kOpened) {
+    const Port::Result checked = checkSettings(baud, dataBitsIndex, parityIndex, stopBitsIndex, settings);
+    if (checked != Port::kOpened) {
         return checked;
     }
-    if (!serial_native::applySettings(port, settings)) {
-        return SerialPort::kApplyFailed;
+    if (!port.applySettings(settings)) {
+        return Port::kApplyFailed;
     }
-    return serial_native::applyTimeouts(port) ? SerialPort::kOpened : SerialPort::kTimeoutsFailed;
+    return port.applyTimeouts() ? Port::kOpened : Port::kTimeoutsFailed;
 }
 
 }  // namespace
 
-SerialPort::SerialPort(std::string deviceFolder) : deviceFolder_(std::move(deviceFolder)) {}
+/// A call of one thread on the open port: the port is not given back while one lives, however it ends.
+class SerialPort::CallInFlight {
+  public:
+    explicit CallInFlight(SerialPort& port) : port_(port) {
+        const std::lock_guard guard(port_.mutex_);
+        if (!port_.closing_ && port_.handle_ != nullptr) {
+            handle_ = port_.handle_.get();
+            ++port_.callsInFlight_;
+        }
+    }
+    ~CallInFlight() {
+        if (handle_ != nullptr) {
+            const std::lock_guard guard(port_.mutex_);
+            if (--port_.callsInFlight_ == 0) {
+                port_.changed_.notify_all();
+            }
+        }
+    }
+    CallInFlight(const CallInFlight&) = delete;
+    CallInFlight& operator=(const CallInFlight&) = delete;
+
+    NativePort* handle() const { return handle_; }  ///< null when the port is not open
+
+  private:
+    SerialPort& port_;
+    NativePort* handle_ = nullptr;
+};
+
+/// The right to write, of one call in flight at a time.
+class SerialPort::WriteTurn {
+  public:
+    WriteTurn(SerialPort& port, Clock::Time deadline) : port_(port) {
+        const auto decided = [&] { return !port_.writing_ || port_.closing_; };
+        std::unique_lock lock(port_.mutex_);
+        if (deadline == kNever) {
+            port_.changed_.wait(lock, decided);  // a time so far off overflows in some libraries
+        } else {
+            port_.changed_.wait_until(lock, deadline, decided);
+        }
+        mine_ = !port_.writing_ && !port_.closing_;
+        port_.writing_ |= mine_;
+    }
+    ~WriteTurn() {
+        if (mine_) {
+            const std::lock_guard guard(port_.mutex_);
+            port_.writing_ = false;
+            port_.changed_.notify_all();
+        }
+    }
+    WriteTurn(const WriteTurn&) = delete;
+    WriteTurn& operator=(const WriteTurn&) = delete;
+
+    bool mine() const { return mine_; }
+
+  private:
+    SerialPort& port_;
+    bool mine_ = false;
+};
+
+/// While one lives, no new call takes the handle. Made and destroyed under the port's mutex.
+class SerialPort::Closing {
+  public:
+    explicit Closing(SerialPort& port) : port_(port) { port_.closing_ = true; }
+    ~Closing() { port_.closing_ = false; }
+    Closing(const Closing&) = delete;
+    Closing& operator=(const Closing&) = delete;
+
+  private:
+    SerialPort& port_;
+};
+
+SerialPort::SerialPort(std::string deviceFolder, NativeOpener opener)
+    : deviceFolder_(std::move(deviceFolder)), opener_(opener) {}
 
 SerialPort::~SerialPort() {
-    close();
+    SerialPort::close();
 }
 
 bool SerialPort::isOpen() const {
@@ -79,71 +148,107 @@ bool SerialPort::isOpen() const {
     return handle_ != nullptr;
 }
 
-SerialPort::Result SerialPort::open(const char* path, std::uint32_t baud, int dataBitsIndex, int parityIndex,
-                                    int stopBitsIndex) {
-    close();
-    const serial_native::OpenResult opened = serial_native::open(path, deviceFolder_.c_str());
-    if (opened.port == nullptr) {
-        return opened.noSuchPort ? kNoSuchPort : kOpenFailed;
+int SerialPort::systemError() const {
+    const std::lock_guard guard(mutex_);
+    return systemError_;
+}
+
+Port::Result SerialPort::open(const char* path, std::uint32_t baud, int dataBitsIndex, int parityIndex,
+                              int stopBitsIndex) {
+    const std::lock_guard oneChangeAtATime(changeMutex_);
+    closeHandle();
+    NativeOpening opened = opener_(path, deviceFolder_.c_str());
+    Result result = opened.noSuchPort ? kNoSuchPort : kOpenFailed;
+    int systemError = opened.systemError;
+    if (opened.port != nullptr) {
+        result = setUp(*opened.port, baud, dataBitsIndex, parityIndex, stopBitsIndex);
+        systemError = opened.port->systemError();
     }
-    const Result result = setUp(*opened.port, baud, dataBitsIndex, parityIndex, stopBitsIndex);
     // Shown to other threads only now: the link thread may be running since an earlier connection, and is not to read a
     // line whose settings are half done. Whatever the settings came to, the port counts as open.
     const std::lock_guard guard(mutex_);
-    handle_ = opened.port;
-    return result;
-}
-
-template <typename Call>
-int SerialPort::whileInUse(Call&& call) {
-    std::unique_lock lock(mutex_);
-    if (handle_ == nullptr || closing_) {
-        return kNotOpen;
-    }
-    serial_native::Port& port = *handle_;
-    ++callsInFlight_;
-    lock.unlock();
-    const int result = call(port);
-    lock.lock();
-    if (--callsInFlight_ == 0 && closing_) {
-        changed_.notify_all();
-    }
+    handle_ = std::move(opened.port);
+    systemError_ = systemError;
     return result;
 }
 
 int SerialPort::read(void* buffer, std::uint32_t maxBytes, std::uint32_t timeoutMs) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    const int result =
-        whileInUse([&](serial_native::Port& port) { return serial_native::read(port, buffer, maxBytes, timeoutMs); });
-    if (result < 0) {
-        std::this_thread::sleep_until(deadline);
+    const Clock::Time deadline = systemClock().now() + std::chrono::milliseconds(timeoutMs);
+    const CallInFlight call(*this);
+    if (call.handle() == nullptr) {
+        return kTimeoutNotApplied;
+    }
+    int result = call.handle()->read(buffer, maxBytes, timeoutMs);
+    // Some drivers answer early with nothing. They are asked again, at a pace that costs no processor time.
+    while (result == 0 && maxBytes > 0 && rest(std::min(deadline, systemClock().now() + kEarlyAnswerPause))) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - systemClock().now()).count();
+        if (left <= 0) {
+            break;
+        }
+        result = call.handle()->read(buffer, maxBytes, static_cast<std::uint32_t>(left));
     }
     return result;
 }
 
-int SerialPort::write(const void* data, std::size_t length) {
-    return whileInUse([&](serial_native::Port& port) {
-        const std::lock_guard oneAtATime(writeMutex_);
-        return serial_native::write(port, data, length);
-    });
+int SerialPort::readAvailable(void* buffer, std::uint32_t maxBytes, Clock::Time deadline) {
+    const CallInFlight call(*this);
+    return call.handle() != nullptr ? call.handle()->readAvailable(buffer, maxBytes, deadline) : kReadFailed;
+}
+
+int SerialPort::write(const void* data, std::size_t length, Clock::Time deadline) {
+    const CallInFlight call(*this);
+    if (call.handle() == nullptr) {
+        return kWriteFailed;
+    }
+    const WriteTurn turn(*this, deadline);
+    return turn.mine() ? call.handle()->write(data, length, deadline) : kWriteFailed;
+}
+
+void SerialPort::wake() {
+    const CallInFlight call(*this);
+    if (call.handle() != nullptr) {
+        call.handle()->wake();
+    }
+}
+
+void SerialPort::requestLowLatency() {
+    const CallInFlight call(*this);
+    if (call.handle() != nullptr) {
+        call.handle()->requestLowLatency();
+    }
+}
+
+void SerialPort::restoreSettings() {
+    const CallInFlight call(*this);
+    if (call.handle() != nullptr) {
+        call.handle()->restoreSettings();
+    }
 }
 
 void SerialPort::close() {
+    const std::lock_guard oneChangeAtATime(changeMutex_);
+    closeHandle();
+}
+
+/// False when the port is being closed meanwhile.
+bool SerialPort::rest(Clock::Time until) {
     std::unique_lock lock(mutex_);
-    // Another close may be on its way; it leaves nothing to do.
-    changed_.wait(lock, [&] { return !closing_; });
+    return !changed_.wait_until(lock, until, [&] { return closing_; });
+}
+
+void SerialPort::closeHandle() {
+    std::unique_ptr<NativePort> closed;  // goes without the mutex: it may wait for bytes on their way out
+    std::unique_lock lock(mutex_);
     if (handle_ == nullptr) {
         return;
     }
-    closing_ = true;
+    const Closing closing(*this);
     while (callsInFlight_ > 0) {
-        serial_native::wake(*handle_);
+        handle_->wakeAll();
         // Again and again: a call that has taken the handle may not have reached its wait yet.
         changed_.wait_for(lock, std::chrono::milliseconds(5), [&] { return callsInFlight_ == 0; });
     }
-    serial_native::close(std::exchange(handle_, nullptr));
-    closing_ = false;
-    changed_.notify_all();
+    closed = std::move(handle_);
 }
 
 }  // namespace kxorbeta_if

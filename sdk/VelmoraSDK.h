@@ -17,7 +17,10 @@
  *
  * RESULTS
  *   Functions that return int return 1 for success and 0 for failure, unless they say otherwise. There are no error
- *   codes: the reason for a failure stands in the log file "kxsdk.log" in the process's current directory. No C++
+ *   codes. The log file "kxsdk.log" in the process's current directory names a port that could not be opened ("Failed
+ *   to open"), a search without a result ("No any TZDongle found.") and a start of collection without a connection
+ *   ("No device connected"), but not why; of a scan or connection that failed it says only that it was begun, of one
+ *   that was refused nothing. A host tells its users the possible reasons itself: each function names them. No C++
  *   exception leaves a function, with the exception named at the list getters.
  *
  * THREADS
@@ -31,6 +34,12 @@
  *   rate the operating system's buffer for the port fills within a fraction of a second. Copy what you need and return.
  *   A C++ exception that leaves a callback is caught as far as the platform's runtime can see it, and costs that one
  *   call.
+ *   A thread may end inside a callback: a host calls pthread_exit, or an interpreter that shuts down ends the threads
+ *   that call into it. On Linux its stack is unwound: locks are given back and the link thread counts as ended, without
+ *   event 5; the connection itself lasts until SDK_Cleanup. A connection thread that ends so makes SDK_ConnectDevice
+ *   return 0. On Windows nothing is unwound: a lock that was held stays taken, the link thread counts as alive, and a
+ *   connection thread leaves its SDK_ConnectDevice without an end. The process makes no connection any more;
+ *   SDK_Cleanup still returns, after about 1 second, 11 with commands queued.
  *
  * INSIDE A CALLBACK
  *   Safe in the data and battery callbacks: SDK_StartDataCollection, SDK_StopDataCollection, SDK_SendCommand,
@@ -39,7 +48,11 @@
  *   still queued cannot leave meanwhile and cost them their whole wait of about 10 seconds.
  *   The event callback runs while the library holds its event lock, which is not re-entrant: inside it use only
  *   SDK_StartDataCollection, SDK_StopDataCollection, SDK_SendCommand, SDK_SendCommandWithPayload, the setters and
- *   SDK_GetVersion, and signal another thread for the rest. SDK_ConnectDevice and SDK_ScanDevices are refused there.
+ *   SDK_GetVersion, and signal another thread for the rest. SDK_ConnectDevice is refused there at once, with every
+ *   code. SDK_ScanDevices is refused at once while the connection lasts, but not when another thread is ending it, and
+ *   with code 5 that is so. Such a scan runs on a port that is about to be closed: it holds up the end of the link
+ *   thread, so that the thread that is ending the connection waits its whole second and then closes the port, which
+ *   fails the scan. It succeeds only if the dongle reports the end of its scan before that.
  *   The list getters, SDK_DisconnectDevice and SDK_ConnectDevice use the list lock, which SDK_ScanDevices holds for a
  *   whole scan.
  */
@@ -89,20 +102,33 @@ typedef void (*PostDataCallback)(int device, unsigned char value1, unsigned char
 /*
  * Raw samples of a headset. Thread: link thread. Only while data collection is on.
  *   device   the headset's index at the dongle, 0 to 15
- *   channel  0 to 15: samples of that channel. Negative, -n: values of n channels interleaved, sample 0 of channels
- *            0 to n-1, then sample 1 of each, and so on
+ *   channel  0 to 15: samples of that channel. Negative, -n: zeros in place of a lost packet of n channels, see below;
+ *            samples of a headset never come that way
  *   samples  signed 16-bit values, sign-extended, in the headset's own unit; owned by the library, valid only during
  *            the call
- *   count    number of values in samples: 112 for a single-channel packet; 112 / n (integer division) for each
- *            channel of a packet of n channels
+ *   count    number of values in samples: 112 for a single-channel packet; 112 / n (integer division) in each of the n
+ *            calls for a packet of n channels; n * 112 with channel -n
+ *
+ * A single-channel packet is one call. A packet of n channels is n calls, for channels 0 to n-1 in this order.
  *
  * One or two lost packets are replaced by zeros, so that the sample clock goes on; longer losses are only logged. A
- * single-channel packet is replaced by a packet of zeros of its channel. A packet of n channels is replaced by ONE call
- * with channel -n and n * 112 zeros, whatever n is: it stands for one packet, that is for 112 / n samples of each
- * channel. A packet of exact zeros is thus most likely a substitute; the log names each loss ("Lost data chan"). A loss
- * across the packet counter's wrap from 255 to 0 counts one less than it is, so a single packet lost there is not
- * replaced. The first multi-channel packet after the start of collection is held back, and usually its substitute
- * delivered in front of the second.
+ * single-channel packet is replaced by one call with 112 zeros of its channel. A packet of n channels is replaced by
+ * ONE call with channel -n and n * 112 zeros, whatever n is. It stands for one packet, that is for 112 / n samples of
+ * each of the n channels, and not for the count it announces. A packet of exact zeros is thus most likely a substitute;
+ * the log names each loss ("Lost data chan"). A loss across the packet counter's wrap from 255 to 0 counts one less
+ * than it is, so a single packet lost there is not replaced. The first multi-channel packet after the start of
+ * collection is held back, and usually its substitute delivered in front of the second.
+ *
+ * Headset 1 sends packets of 5 channels. 112 / 5 is 22, so each packet brings 22 samples of each channel (the packet's
+ * last two places are not used). Its packets have the counters 10, 11, 12 and 14; the one with 13 is lost:
+ *   packet 10   no call: it is the first and held back
+ *   packet 11   (1, -5, 560 zeros, 560)   for packet 10: 22 samples of each of the 5 channels
+ *               (1, 0, samples, 22) (1, 1, samples, 22) (1, 2, samples, 22) (1, 3, samples, 22) (1, 4, samples, 22)
+ *   packet 12   the same five calls, with its own samples
+ *   packet 14   (1, -5, 560 zeros, 560)   for packet 13: 22 samples of each of the 5 channels
+ *               the five calls
+ * A host that counts samples adds 22 to each of the channels 0 to 4 at a call with channel -5: 112 / 5, and neither 560
+ * nor 112. Had 12 and 13 been lost, that call would have come twice; had 11 been lost as well, not at all.
  */
 typedef void (*RawDataCallback)(int device, int channel, int* samples, int count);
 
@@ -121,7 +147,8 @@ typedef void (*BattInfoCallback)(int device, unsigned int level, unsigned int va
  *   code 2   a headset connected (value: its index at the dongle)
  *   code 3   reserved: the dongle restarted. No host receives it; see SDK_ConnectDevice for what happens instead
  *   code 4   the link thread has started (value 0)
- *   code 5   the link thread is stopping (value 0)
+ *   code 5   the link thread is stopping, because the connection is being ended (value 0). The thread that ends it
+ *            waits meanwhile, about a second at most, and then closes the port
  */
 typedef void (*EventCallback)(unsigned int code, unsigned int value);
 
@@ -147,7 +174,9 @@ VELMORA_API int SDK_Init(void);
 /*
  * Disconnects all headsets, ends the link thread, closes the port. Does nothing unless SDK_Init was called. A later
  * SDK_Init works again. Blocks until commands still waiting have left (at most about 10 seconds) and the link thread
- * has ended (at most about 1 second). Call it before the program ends; a program that does not is not harmed.
+ * has ended (at most about 1 second). Call it before the program ends, so that the headsets are told. A program that
+ * does not is not harmed: it ends with its own exit code, also while data flows, and also when that ends the link
+ * thread inside a callback (see THREADS).
  */
 VELMORA_API void SDK_Cleanup(void);
 
@@ -191,7 +220,8 @@ VELMORA_API void SDK_DisconnectPort(void);
  * Lets the dongle look for headsets and replaces the scan list by what it found. Blocks for the whole scan, about 20
  * seconds when the dongle is silent, and holds the list lock meanwhile: the list functions of other threads wait.
  * Returns 1 when the dongle reported the end of its scan. Returns 0, with the scan list unchanged, when it did not, and
- * at once when the port is closed, headsets are connected, or a scan or connection is under way.
+ * at once when the port is closed, headsets are connected, or a scan or connection is under way. On a line that is
+ * gone, because the dongle was unplugged or another thread closes the port, it returns 0 at once.
  */
 VELMORA_API int SDK_ScanDevices(void);
 
@@ -220,8 +250,8 @@ VELMORA_API int SDK_GetConnectedDevice(int index, DeviceInfo* out);
  *   option   number sent behind the address when not 0: pass the option of the scan record
  * Blocks until the dongle reports the end of its attempt (100 seconds when it stays silent). Returns 0 for null, when
  * the port is closed, headsets are already connected, a scan or connection is under way, or no headset was reported
- * connected. It is also refused, after about 1 second, while the link thread of an earlier connection has not ended
- * because a callback of the host holds it up.
+ * connected; at once when the line is gone, as SDK_ScanDevices. It is also refused, after about 1 second, while the
+ * link thread of an earlier connection has not ended because a callback of the host holds it up.
  * A connection lasts until SDK_Cleanup, or SDK_DisconnectPort while collecting. Dropping every headset with
  * SDK_DisconnectDevice, or losing them (event 1), does not end it: until then scans and further connections are
  * refused. If the dongle restarts, data stops without any event: the link thread is stuck for good, keeps one core busy

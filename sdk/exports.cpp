@@ -1,16 +1,17 @@
-#include <mutex>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "base/contained.h"
+#include "base/log.h"
+#include "base/never_destroyed.h"
 #include "core/device_command.h"
 #include "core/disconnection.h"
 #include "core/group_connection.h"
-#include "core/log.h"
-#include "core/never_destroyed.h"
 #include "core/scan.h"
 #include "link/dongle_search.h"
 #include "sdk/VelmoraSDK.h"
+#include "sdk/held_text.h"
 #include "sdk/log_setup.h"
 #include "sdk/sdk_context.h"
 #include "sdk/trampolines.h"
@@ -23,38 +24,22 @@ namespace {
 
 /// Runs `work` on the process's context; its result, or `failure` when it throws.
 template <typename Result, typename Work>
-Result guarded(Result failure, Work&& work) noexcept {
-    const HostCall call;
-    try {
-        return work(processContext());
-    } catch (...) {
-        return failure;
-    }
+Result guarded(Result failure, Work&& work) {
+    return contained(
+        [&] {
+            HostCall call;
+            return work(call.sdk());
+        },
+        [&] { return failure; });
 }
 
 template <typename Work>
-void guarded(Work&& work) noexcept {
+void guarded(Work&& work) {
     guarded(0, [&](SdkContext& sdk) {
         work(sdk);
         return 1;
     });
 }
-
-/// A text handed to the host, valid until the next call of the same function.
-class ResultText {
-  public:
-    const char* hold(const std::string& text) {
-        const std::lock_guard guard(mutex_);
-        if (text_ != text) {  // so that a host still reading the same text never sees it being written
-            text_ = text;
-        }
-        return text_.c_str();
-    }
-
-  private:
-    std::mutex mutex_;
-    std::string text_;
-};
 
 }  // namespace
 
@@ -88,14 +73,14 @@ void SDK_Cleanup(void) {
 
 const char* SDK_GetVersion(void) {
     return guarded("Unknown", [](SdkContext& sdk) {
-        static NeverDestroyed<ResultText> result;
+        static NeverDestroyed<HeldText> result;
         return (*result).hold(sdk.version);
     });
 }
 
 const char* SDK_CheckPort(void) {
     return guarded("", [](SdkContext& sdk) {
-        static NeverDestroyed<ResultText> result;
+        static NeverDestroyed<HeldText> result;
         return (*result).hold(sdk.core.port.isOpen() ? std::string() : findDongle(sdk.search));
     });
 }
@@ -105,7 +90,7 @@ int SDK_ConnectPort(const char* portName) {
         if (portName == nullptr || sdk.core.port.isOpen() || !openDonglePort(sdk.core.port, portName)) {
             return 0;
         }
-        sdk.rememberedPort = portName;
+        sdk.rememberedPort.hold(portName);
         return 1;
     });
 }
@@ -120,7 +105,7 @@ void SDK_DisconnectPort(void) {
             }
             sdk.core.port.close();
         }
-        sdk.rememberedPort.clear();
+        sdk.rememberedPort.drop();
     });
 }
 
@@ -133,13 +118,11 @@ int SDK_ScanDevices(void) {
 }
 
 int SDK_GetScanDevicesCount(void) {
-    const HostCall call;
-    return processContext().lists.scanCount();
+    return HostCall().sdk().lists.scanCount();
 }
 
 int SDK_GetScanDevice(int index, DeviceInfo* out) {
-    const HostCall call;
-    return processContext().lists.scanDevice(index, out) ? 1 : 0;
+    return HostCall().sdk().lists.scanDevice(index, out) ? 1 : 0;
 }
 
 int SDK_ConnectDevice(const char* address, int option) {
@@ -160,13 +143,11 @@ int SDK_DisconnectDevice(const char* address) {
 }
 
 int SDK_GetConnectedDevicesCount(void) {
-    const HostCall call;
-    return processContext().lists.connectedCount();
+    return HostCall().sdk().lists.connectedCount();
 }
 
 int SDK_GetConnectedDevice(int index, DeviceInfo* out) {
-    const HostCall call;
-    return processContext().lists.connectedDevice(index, out) ? 1 : 0;
+    return HostCall().sdk().lists.connectedDevice(index, out) ? 1 : 0;
 }
 
 int SDK_StartDataCollection(void) {
@@ -208,16 +189,16 @@ int SDK_SendCommandWithPayload(unsigned int target, unsigned char command, unsig
 }
 
 void SDK_SetPostDataCallback(PostDataCallback callback) {
-    processContext().host.postData = callback;
+    guarded([&](SdkContext& sdk) { sdk.host.postData = callback; });
 }
 void SDK_SetRawDataCallback(RawDataCallback callback) {
-    processContext().host.rawData = callback;
+    guarded([&](SdkContext& sdk) { sdk.host.rawData = callback; });
 }
 void SDK_SetBattInfoCallback(BattInfoCallback callback) {
-    processContext().host.battInfo = callback;
+    guarded([&](SdkContext& sdk) { sdk.host.battInfo = callback; });
 }
 void SDK_SetEventCallback(EventCallback callback) {
-    processContext().host.event = callback;
+    guarded([&](SdkContext& sdk) { sdk.host.event = callback; });
 }
 
 }  // extern "C"

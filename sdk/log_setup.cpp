@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace kxorbeta_if {
 

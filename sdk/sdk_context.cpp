@@ -1,7 +1,7 @@
 #include "sdk/sdk_context.h"
 
-#include "core/log.h"
-#include "core/never_destroyed.h"
+#include "base/log.h"
+#include "base/never_destroyed.h"
 #include "sdk/log_setup.h"
 
 namespace kxorbeta_if {
@@ -14,32 +14,37 @@ std::atomic<int> callsInside{0};
 /// which cannot outlive this point.
 class Unloading {
   public:
+    explicit Unloading(SdkContext& sdk) : sdk_(sdk) {}
     ~Unloading() {
         logShutdown(kLogFile);
-        SdkContext& context = processContext();
-        if (callsInside.load() > 0 || context.core.linkThreads.living()) {
+        if (callsInside.load() > 0 || sdk_.core.linkThreads.living()) {
             return;
         }
-        context.core.port.close();
-        std::string().swap(context.rememberedPort);
-        context.lists.clear();
-        context.core.scanWorkingList.clear();
-        context.core.registry.clear();
-        context.core.commandQueue.clear();
-        context.core.receiveTables.deviceStreams.free();
+        sdk_.port.close();
+        sdk_.rememberedPort.drop();
+        sdk_.lists.clear();
+        sdk_.core.scanWorkingList.clear();
+        sdk_.core.registry.clear();
+        sdk_.core.commandQueue.clear();
+        sdk_.core.receiveTables.deviceStreams.free();
     }
+    Unloading(const Unloading&) = delete;
+    Unloading& operator=(const Unloading&) = delete;
+
+  private:
+    SdkContext& sdk_;
 };
 
 }  // namespace
 
-SdkContext& processContext() noexcept {
+SdkContext& processContext() {
     static NeverDestroyed<SdkContext> instance;
     return *instance;
 }
 
-HostCall::HostCall() noexcept {
+HostCall::HostCall() : sdk_(processContext()) {
     // Made on the first call rather than at load, so that it goes before the logging library's own state.
-    static const Unloading unloading;
+    static const Unloading unloading(sdk_);
     callsInside.fetch_add(1);
 }
 

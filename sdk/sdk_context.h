@@ -5,8 +5,10 @@
 
 #include "core/context.h"
 #include "link/dongle_search.h"
+#include "link/serial_port.h"
 #include "sdk/VelmoraSDK.h"
 #include "sdk/devices/device_lists.h"
+#include "sdk/held_text.h"
 
 namespace kxorbeta_if {
 
@@ -22,24 +24,31 @@ struct HostCallbacks {
 struct SdkContext {
     std::atomic<bool> initialised{false};
     const std::string version = "1.06";
-    std::string rememberedPort;  ///< what the host named the open port; empty when none is
+    HeldText rememberedPort;  ///< what the host named the open port; empty when none is
     DongleSearch search;
     HostCallbacks host;
     DeviceLists lists;
-    Context core;
+    SerialPort port;
+    Context core{port};
 };
 
 /// The one instance, made on first use. It is never destroyed, because threads of the library and of the host may still
-/// use it while the process ends.
-SdkContext& processContext() noexcept;
+/// use it while the process ends. Throws std::bad_alloc when there is no memory to make it; a later call tries again.
+SdkContext& processContext();
 
-/// Counts the host's calls that are inside the library, so that its end does not tidy up under them.
+/// A host's call while it is inside the library: counted, so that the library's end does not tidy up under it. Throws
+/// what processContext() throws.
 class HostCall {
   public:
-    HostCall() noexcept;
+    HostCall();
     ~HostCall();
     HostCall(const HostCall&) = delete;
     HostCall& operator=(const HostCall&) = delete;
+
+    SdkContext& sdk() { return sdk_; }
+
+  private:
+    SdkContext& sdk_;
 };
 
 }  // namespace kxorbeta_if

@@ -1,6 +1,7 @@
 #include "sdk/trampolines.h"
 
-#include "core/log.h"
+#include "base/contained.h"
+#include "base/log.h"
 #include "sdk/sdk_context.h"
 
 namespace {
@@ -11,10 +12,7 @@ void callHost(const std::atomic<Callback>& slot, Arguments... arguments) {
     if (callback == nullptr) {
         return;
     }
-    try {
-        callback(arguments...);
-    } catch (...) {
-    }
+    kxorbeta_if::contained([&] { callback(arguments...); });
 }
 
 kxorbeta_if::HostCallbacks& host() {

@@ -4,7 +4,7 @@
 
 #include "sdk/devices/bounded_copy.h"
 
-void convertToDeviceInfo(const kxorbeta_if::ble_device& device, DeviceInfo* out) {
+void convertToDeviceInfo(kxorbeta_if::ble_device& device, DeviceInfo* out) {
     if (out == nullptr) {
         return;
     }

@@ -15,4 +15,4 @@ static_assert(sizeof(DeviceInfo) == 108);
 
 /// Fills the host's record. A null `out` does nothing. An address of 32 characters or more, or a name of 64 or more,
 /// ends the process: a cut address would be another headset's.
-VELMORA_API void convertToDeviceInfo(const kxorbeta_if::ble_device& device, DeviceInfo* out);
+VELMORA_API void convertToDeviceInfo(kxorbeta_if::ble_device& device, DeviceInfo* out);

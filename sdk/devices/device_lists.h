@@ -1,6 +1,6 @@
 #pragma once
 
-#include <functional>
+#include <algorithm>
 #include <mutex>
 #include <vector>
 
@@ -16,20 +16,50 @@ namespace kxorbeta_if {
 /// queued, and not while connecting.
 class DeviceLists {
   public:
-    using Scan = std::function<bool()>;
-    using ScanResult = std::function<std::vector<ble_device>()>;
-    using Connect = std::function<bool(const std::vector<ble_device>&)>;
-    using Disconnect = std::function<bool(const ble_device&)>;
+    /// Runs `scan`; what `result` then gives replaces the scan list. False, with the list as it was, when the scan
+    /// failed.
+    template <typename Scan, typename Result>
+    bool scanDevices(Scan&& scan, Result&& result) {
+        const std::lock_guard guard(deviceListMutex_);
+        if (!scan()) {
+            return false;
+        }
+        scanList_ = result();
+        return true;
+    }
 
-    /// Runs a scan; its result replaces the scan list. False, with the list as it was, when the scan failed.
-    bool scanDevices(const Scan& scan, const ScanResult& result);
-
-    /// Connects one headset and appends it to the connected list on success. False for null.
-    bool connectDevice(const char* address, int option, const Connect& connect);
+    /// Connects one headset, given as a list of one, and appends it to the connected list on success. False for null.
+    template <typename Connect>
+    bool connectDevice(const char* address, int option, Connect&& connect) {
+        if (address == nullptr) {
+            return false;
+        }
+        const ble_device device(address, option, 0);
+        if (!connect(List{device})) {
+            return false;
+        }
+        const std::lock_guard guard(deviceListMutex_);
+        connectedList_.push_back(device);
+        return true;
+    }
 
     /// Disconnects and removes the first connected record with exactly that address. False for null or when there is
     /// none; what `disconnect` returns does not matter.
-    bool disconnectDevice(const char* address, const Disconnect& disconnect);
+    template <typename Disconnect>
+    bool disconnectDevice(const char* address, Disconnect&& disconnect) {
+        if (address == nullptr) {
+            return false;
+        }
+        const std::lock_guard guard(deviceListMutex_);
+        const auto record = std::find_if(connectedList_.begin(), connectedList_.end(),
+                                         [&](const ble_device& device) { return device.hasAddress(address); });
+        if (record == connectedList_.end()) {
+            return false;
+        }
+        disconnect(*record);
+        connectedList_.erase(record);
+        return true;
+    }
 
     int scanCount() { return count(scanList_); }
     int connectedCount() { return count(connectedList_); }
@@ -45,7 +75,7 @@ class DeviceLists {
     using List = std::vector<ble_device>;
 
     int count(const List& list);
-    bool get(const List& list, int index, DeviceInfo* out);
+    bool get(List& list, int index, DeviceInfo* out);
 
     std::mutex deviceListMutex_;
     List scanList_;

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include "support/receive_session.h"
 
 namespace test {
@@ -8,6 +10,21 @@ namespace {
 /// Runs for both decoders. The device decoder is looked at for headset 5.
 class FrameDecoder : public testing::TestWithParam<bool> {
   protected:
+    std::string lossOfChannel(int channel, int lost, int received, int expected) const {
+        const std::string channelText = std::to_string(channel), lostText = std::to_string(lost);
+        return direct ? "-1 [B]Lost data chan " + channelText + " , " + lostText + " \n"
+                      : "-1 [B]Lost data chan dev:5 chan:" + channelText + " , num: " + lostText +
+                            " packet_cnt: " + std::to_string(received) + " , " + std::to_string(expected) + "\n";
+    }
+    std::string lossOfSeveralChannels(int lost) const {
+        return (direct ? "-1 [D]Lost data chan " : "-1 [D]Lost data chan dev:5  num: ") + std::to_string(lost) + " \n";
+    }
+    std::string zeros(int channel, int count) const {
+        return rawCall(device, channel, std::vector<int>(static_cast<std::size_t>(count)));
+    }
+    /// Each way of the counter on fresh tables: the packet that makes it expected, the one received, and the next.
+    void expectLosses(Packet packet, bool merged, const std::string& substitute) const;
+
     const bool direct = GetParam();
     const int device = direct ? 0 : 5;
 };
@@ -31,88 +48,168 @@ TEST_P(FrameDecoder, ChannelByteSaysWhoseSamplesTheyAre) {
         SCOPED_TRACE(byte);
         ReceiveSession session;
         // A frame that is not one costs a byte; none of the others looks like a start, and the last seven are too few.
-        const bool sound = byte >= 0x80 || (byte >= 0x40 && byte % 16 != 0);
+        const bool valid = byte >= 0x80 || (byte >= 0x40 && byte % 16 != 0);
         std::string expected;
         if (byte >= 0x80) {
             expected = rawCall(device, static_cast<int>(byte % 16), samples(1));
         } else if (byte < 0x40) {
             const std::string hex = (byte < 16 ? "" : std::to_string(byte / 16)) + "0123456789abcdef"[byte % 16];
             expected = "-1 Parse data error, channel invalid " + hex + ".\n";
-        } else if (!sound) {
+        } else if (!valid) {
             expected = "-1 Parse data error, channel is 0.\n";
         }
         const Bytes frame = rawFrame(static_cast<std::uint8_t>(byte), samples(1), 9);
-        EXPECT_EQ(session.decode(direct, frame), sound ? 230u : 223u);
+        EXPECT_EQ(session.decode(direct, frame), valid ? 230u : 223u);
         EXPECT_EQ(session.take(), expected) << "the first packet of several channels is held back";
     }
 }
 
+struct CounterStep {
+    int expected, received;
+    std::optional<int> loss = {};  ///< as it is logged: across the wrap of the counter one less than it is
+    int substitutes = 0;
+};
+constexpr CounterStep kCounterSteps[] = {
+    {.expected = 11, .received = 11},
+    {.expected = 11, .received = 12, .loss = 1, .substitutes = 1},
+    {.expected = 11, .received = 13, .loss = 2, .substitutes = 2},
+    {.expected = 11, .received = 14, .loss = 3},
+    {.expected = 1, .received = 200, .loss = 199},
+    {.expected = 11, .received = 10, .loss = 254},
+    {.expected = 11, .received = 5, .loss = 249},
+    {.expected = 255, .received = 255},
+    {.expected = 0, .received = 0},
+    {.expected = 0, .received = 1, .loss = 1, .substitutes = 1},
+    {.expected = 255, .received = 0, .loss = 0},
+    {.expected = 255, .received = 1, .loss = 1, .substitutes = 1},
+    {.expected = 255, .received = 2, .loss = 2, .substitutes = 2},
+    {.expected = 255, .received = 3, .loss = 3},
+    {.expected = 254, .received = 0, .loss = 1, .substitutes = 1},
+};
+
+void FrameDecoder::expectLosses(Packet packet, bool merged, const std::string& substitute) const {
+    const bool several = packet.channels > 0;
+    packet.device = device;
+    for (const CounterStep& step : kCounterSteps) {
+        SCOPED_TRACE(testing::Message() << "expected " << step.expected << ", received " << step.received);
+        ReceiveSession session;
+        session.flags.mergedChannels = merged;
+        const auto expectTrace = [&](int counter, const std::string& before) {
+            packet.counter = counter;
+            ++packet.seed;
+            session.decode(direct, packet.bytes());
+            EXPECT_EQ(session.take(), before + packet.calls(merged));
+        };
+        if (several) {  // the first packet is held back, and then still expected
+            packet.counter = step.expected;
+            session.decode(direct, packet.bytes());
+            EXPECT_EQ(session.take(), "");
+        } else {
+            expectTrace((step.expected + 255) % 256, "");
+        }
+        std::string before;
+        if (step.loss) {
+            before = several ? lossOfSeveralChannels(*step.loss)
+                             : lossOfChannel(packet.channel, *step.loss, step.received, step.expected);
+        }
+        for (int i = 0; i < step.substitutes; ++i) {
+            before += substitute;
+        }
+        expectTrace(step.received, before);
+        expectTrace((step.received + 1) % 256, "");  // its successor is expected next
+    }
+}
+
 TEST_P(FrameDecoder, LossesAndTheirSubstitutes) {
-    // The counter expected, the one received, and the loss that is logged (-1: none). Across the wrap it reads one less
-    // than it is.
-    const int cases[][3] = {{11, 11, -1},  {11, 12, 1},  {11, 13, 2},    {11, 14, 3}, {1, 200, 199},
-                            {11, 10, 254}, {11, 5, 249}, {255, 255, -1}, {0, 0, -1},  {0, 1, 1},
-                            {255, 0, 0},   {255, 1, 1},  {255, 2, 2},    {255, 3, 3}, {254, 0, 1}};
+    const struct {
+        int channels, samplesEach, interleaved;  // what a substitute holds
+    } layouts[] = {
+        {.channels = 1, .samplesEach = 112, .interleaved = 112},
+        {.channels = 2, .samplesEach = 56, .interleaved = 224},
+        {.channels = 3, .samplesEach = 37, .interleaved = 336},
+        {.channels = 5, .samplesEach = 22, .interleaved = 560},
+        {.channels = 8, .samplesEach = 14, .interleaved = 896},
+        {.channels = 15, .samplesEach = 7, .interleaved = 1680},
+    };
     for (const bool merged : {false, true}) {
-        for (const int channels : {0, 1, 2, 3, 5, 8, 15}) {  // 0: one packet of channel 3
-            for (const auto& [expected, received, loss] : cases) {
-                SCOPED_TRACE(testing::Message() << channels << " merged " << merged << ": " << expected << received);
-                ReceiveSession session;
-                session.flags.mergedChannels = merged;
-                const bool multi = channels > 0;
-                const int channel = multi ? channels : 3;
-                // A packet of several channels is held back when it is the first, and then still expected.
-                const Packet first{device, channel, multi, multi ? expected : (expected + 255) % 256, 0};
-                session.decode(direct, first.bytes());
-                EXPECT_EQ(session.take(), multi ? "" : first.lines(direct, merged, 0, -1));
-                const Packet second{device, channel, multi, received, 1};
-                session.decode(direct, second.bytes());
-                EXPECT_EQ(session.take(), second.lines(direct, merged, expected, loss));
-                const Packet third{device, channel, multi, (received + 1) % 256, 2};
-                session.decode(direct, third.bytes());
-                EXPECT_EQ(session.take(), third.lines(direct, merged, 0, -1)) << "its successor is expected next";
+        SCOPED_TRACE(testing::Message() << "merged " << merged);
+        expectLosses({.channel = 3}, merged, zeros(3, 112));
+        for (const auto& layout : layouts) {
+            SCOPED_TRACE(testing::Message() << layout.channels << " channels");
+            // The two decoders take the merged layout in opposite senses for what they make up.
+            std::string substitute;
+            if (merged == direct) {
+                substitute = zeros(-layout.channels, layout.interleaved);
+            } else {
+                for (int channel = 0; channel < layout.channels; ++channel) {
+                    substitute += zeros(channel, layout.samplesEach);
+                }
             }
+            expectLosses({.channels = layout.channels}, merged, substitute);
         }
     }
 }
 
 TEST_P(FrameDecoder, SmallFrames) {
-    // Frames, the number of bytes consumed, and lines. Check bytes by hand: 01+0A+0B+0C+0D = 2F, complement D0;
-    // F0+20+FF = 20F, complement of 0F is F0; 5 * FF = 4FB, complement of FB is 04; 13 * FF = CF3, complement of F3 is
-    // 0C.
-    const auto table = rows(R"(5555020057050000 => 8 => battery D 87 500$ | 55550211FFFF2233 => 8 => battery D 255 6300$
-        5555201101080204032233010203FFFFFF8000000000000000050000060000070000FF44 => 36 => post 0 1 2 3 4 66051 16777215 8388608 0 5 6 7 255$
-        5555201101090204032233010203FFFFFF8000000000000000050000060000070000FF44 => 36 => post 0 1 2 3 0 66051 16777215 8388608 0 5 6 7 255$
-        AADD010A0B0C0DD0AAEEF020FF00000000000000000000F0 => 24 => response D 1 AADD010A0B0C0DD0$response D 240 AAEEF020FF00000000000000000000F0$
-        AAEEFFFFFFFFFF04 => 8 => response D 255 AAEEFFFFFFFFFF04$ | AADDFFFFFFFFFFFFFFFFFFFFFFFFFF0C => 16 => response D 255 AADDFFFFFFFFFFFFFFFFFFFFFFFFFF0C$
-        AADD0102030405060708090A0B0C0D0E5555021101022233 => 24 => -1 Response checksum error.$-1 Parse data error, lost sync for command2. length: 24 $battery D 1 200$
-        AACC5555021101022233 => 10 => -1 Parse data error, lost sync for command. length: 10 $battery D 1 200$
-        AA55555555021101022233 => 11 => -1 Parse data error, lost sync for command. length: 11 $battery D 1 200$
-        5555035555021101022233 => 11 => battery D 1 200$ | 0102555403555502110102223309 => 13 => battery D 1 200$
-        5555E283010203040506 => 0 => -1 Parse data error, not enough data. 10 $ | 5555201101090204 => 0 => - | AADD0102030405060708 => 0 => -
-        0707070707070707070707 => 4 => - | 07070707070707 => 0 => - | - => 0 => -)");
-    for (const auto& row : table) {
-        SCOPED_TRACE(row[0]);
-        std::string lines = row[2];
-        for (std::size_t at = 0; (at = lines.find(" D ", at)) != std::string::npos;) {
-            lines.replace(at + 1, 1, std::to_string(device));
-        }
+    const std::string battery = batteryCall(device, 1, 200), post = "66051 16777215 8388608 0 5 6 7 255\n";
+    const auto response = [&](const char* frame) { return responseCall(device, fromHex(frame)); };
+    const std::string error = "-1 Parse data error, ";
+    const struct {
+        const char* bytes;
+        std::size_t consumed;
+        std::string trace = {};
+    } cases[] = {
+        {.bytes = "5555020057050000", .consumed = 8, .trace = batteryCall(device, 87, 500)},
+        {.bytes = "55550211FFFF2233", .consumed = 8, .trace = batteryCall(device, 255, 6300)},
+        {.bytes = "5555201101080204032233010203FFFFFF8000000000000000050000060000070000FF44",
+         .consumed = 36,
+         .trace = "post 0 1 2 3 4 " + post},
+        {.bytes = "5555201101090204032233010203FFFFFF8000000000000000050000060000070000FF44",
+         .consumed = 36,
+         .trace = "post 0 1 2 3 0 " + post},
+        // Check bytes by hand: 01+0A+0B+0C+0D = 2F, complement D0; F0+20+FF = 20F, complement of 0F is F0; 5 * FF =
+        // 4FB, complement of FB is 04; 13 * FF = CF3, complement of F3 is 0C.
+        {.bytes = "AADD010A0B0C0DD0AAEEF020FF00000000000000000000F0",
+         .consumed = 24,
+         .trace = response("AADD010A0B0C0DD0") + response("AAEEF020FF00000000000000000000F0")},
+        {.bytes = "AAEEFFFFFFFFFF04", .consumed = 8, .trace = response("AAEEFFFFFFFFFF04")},
+        {.bytes = "AADDFFFFFFFFFFFFFFFFFFFFFFFFFF0C",
+         .consumed = 16,
+         .trace = response("AADDFFFFFFFFFFFFFFFFFFFFFFFFFF0C")},
+        {.bytes = "AADD0102030405060708090A0B0C0D0E5555021101022233",
+         .consumed = 24,
+         .trace = "-1 Response checksum error.\n" + error + "lost sync for command2. length: 24 \n" + battery},
+        {.bytes = "AACC5555021101022233",
+         .consumed = 10,
+         .trace = error + "lost sync for command. length: 10 \n" + battery},
+        {.bytes = "AA55555555021101022233",
+         .consumed = 11,
+         .trace = error + "lost sync for command. length: 11 \n" + battery},
+        {.bytes = "5555035555021101022233", .consumed = 11, .trace = battery},
+        {.bytes = "0102555403555502110102223309", .consumed = 13, .trace = battery},
+        {.bytes = "5555E283010203040506", .consumed = 0, .trace = error + "not enough data. 10 \n"},
+        {.bytes = "5555201101090204", .consumed = 0},
+        {.bytes = "AADD0102030405060708", .consumed = 0},
+        {.bytes = "0707070707070707070707", .consumed = 4},
+        {.bytes = "07070707070707", .consumed = 0},
+        {.bytes = "", .consumed = 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.bytes);
         ReceiveSession session;
-        EXPECT_EQ(session.decode(direct, fromHex(row[0])), std::stoul(row[1]));
-        EXPECT_EQ(session.take(), lines);
+        EXPECT_EQ(session.decode(direct, fromHex(c.bytes)), c.consumed);
+        EXPECT_EQ(session.take(), c.trace);
     }
 }
 
 TEST_P(FrameDecoder, GateAndMissingCallbacksSilenceDataButLossesAreStillCounted) {
     const Bytes response = responseFrame(0xDD, 1, {1, 2, 3, 4});
     Bytes stream = joined({batteryFrame(1, 2), postFrame({1, 2, 3, 4, 5, {}}), response});
-    std::string losses;
-    for (const Packet& packet : {Packet{device, 3, false, 1, 7}, Packet{device, 3, false, 3, 7},
-                                 Packet{device, 2, true, 1, 7}, Packet{device, 2, true, 3, 7}}) {
-        append(stream, packet.bytes());
-        const std::string lines = packet.lines(direct, false, packet.multi ? 1 : 2, packet.multi ? 2 : 1);
-        losses += packet.counter == 3 ? lines.substr(0, lines.find('\n') + 1) : "";
+    for (const int counter : {1, 3}) {
+        append(stream, Packet{.channel = 3, .counter = counter}.bytes());
+        append(stream, Packet{.channels = 2, .counter = counter}.bytes());
     }
+    const std::string losses = lossOfChannel(3, 1, 3, 2) + lossOfSeveralChannels(2);
     ReceiveSession gated;
     gated.flags.recording = false;
     EXPECT_EQ(gated.decode(direct, stream), stream.size());

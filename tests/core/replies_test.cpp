@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "core/device_registry.h"
 #include "core/reply_handlers.h"
 #include "support/receive_session.h"
@@ -39,49 +37,64 @@ struct Dongle : ReceiveSession {
     std::string recordsAtEvent;
 };
 
+struct ConnectionReport {
+    std::string address;
+    int index = 0;
+    bool indexValid = true;  ///< else it counts as 0, and one of the paths logs it
+};
+
 TEST(Replies, ServiceConnectedOnBothPaths) {
-    // A text and the addresses and indices reported in it; "bad" for an index that one of the paths logs as such.
-    auto table = rows(
-        R"(Service connected. C2A1B3D4E5F6,3 => C2A1B3D4E5F6 3 | noise Service connected.C2A1B3D4E5F6 => C2A1B3D4E5F6 0
-        Service connected.   c2a1b3d4e5f6 , 7 => c2a1b3d4e5f6 7 | Service connected. C2A1B3D4E5F6 9 => C2A1B3D4E5F6 0
-        Service connected. C2A1B3D4E5F6789,+5,6 => C2A1B3D4E5F6 5 | Service connected. C2A1B3 => C2A1B3 0
-        Service connected. C2A1B3D4E5F6,-1 => C2A1B3D4E5F6 -1 | Service connected. C2A1B3D4E5F6,x => C2A1B3D4E5F6 bad
-        Service connected. C2A1B3D4E5F6, => C2A1B3D4E5F6 bad
-        Service connected. C2A1B3D4E5F6,2147483648 => C2A1B3D4E5F6 bad
-        Service connected. AA,1$Service connected.    $$Service connected.$Service connected. 111111111111,4$Service connected. 222222222222,5 Service connected. 333333333333,6 => 111111111111 4 222222222222 5
-        Service connected. C2A1B3,5 => - | Service connected. C2A1B3D4E5G6,5 => -
-        Service connected.`C2A1B3D4E5F6,5 => - | service connected. C2A1B3D4E5F6,5$Service connected => - | - => -)");
-    for (const auto& row : table) {
-        const std::string text = row[0], reports = row[1];
-        SCOPED_TRACE(text);
+    const ConnectionReport invalidIndex{.address = "C2A1B3D4E5F6", .index = 0, .indexValid = false};
+    const struct {
+        std::string text;
+        std::vector<ConnectionReport> reports = {};
+    } cases[] = {
+        {"Service connected. C2A1B3D4E5F6,3", {{"C2A1B3D4E5F6", 3}}},
+        {"noise Service connected.C2A1B3D4E5F6", {{"C2A1B3D4E5F6", 0}}},
+        {"Service connected.   c2a1b3d4e5f6 , 7", {{"c2a1b3d4e5f6", 7}}},
+        {"Service connected. C2A1B3D4E5F6 9", {{"C2A1B3D4E5F6", 0}}},
+        {"Service connected. C2A1B3D4E5F6789,+5,6", {{"C2A1B3D4E5F6", 5}}},
+        {"Service connected. C2A1B3", {{"C2A1B3", 0}}},
+        {"Service connected. C2A1B3D4E5F6,-1", {{"C2A1B3D4E5F6", -1}}},
+        {"Service connected. C2A1B3D4E5F6,x", {invalidIndex}},
+        {"Service connected. C2A1B3D4E5F6,", {invalidIndex}},
+        {"Service connected. C2A1B3D4E5F6,2147483648", {invalidIndex}},
+        // Those that name nobody are passed over, and the second of a line.
+        {"Service connected. AA,1\nService connected.    \n\nService connected.\nService connected. 111111111111,4\n"
+         "Service connected. 222222222222,5 Service connected. 333333333333,6",
+         {{"111111111111", 4}, {"222222222222", 5}}},
+        {"Service connected. C2A1B3,5"},
+        {"Service connected. C2A1B3D4E5G6,5"},
+        {"Service connected.\tC2A1B3D4E5F6,5"},
+        {"service connected. C2A1B3D4E5F6,5\nService connected"},
+        {""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
         // The link thread reads all reports, then takes in and announces one after the other; the connection thread
         // does all of it for one report before it goes on to the next.
-        std::string records, parsing, taking, collecting, address, index;
-        int count = 0;
-        for (std::istringstream words(reports); words >> address >> index; ++count) {
-            if (index == "bad") {
-                parsing += "-1 Parse error:" + address + "\n";
-                index = "0";
-            }
-            const std::string connected = "0 " + address + "(" + index + ") connected.\n";
-            const std::string event = "event 2 " + (index == "-1" ? "4294967295" : index) + " " + address + "\n";
-            records += address + " " + index + " 1;";
-            parsing += connected;
-            taking += "0 Add device " + address + ", index=" + index + "\n" + event;
+        std::string records, parsing, taking, collecting;
+        for (const auto& [address, index, indexValid] : c.reports) {
+            const std::string number = std::to_string(index);
+            const std::string connected = "0 " + address + "(" + number + ") connected.\n";
+            const std::string event = "event 2 " + (index == -1 ? "4294967295" : number) + " " + address + "\n";
+            records += address + " " + number + " 1;";
+            parsing += (indexValid ? "" : "-1 Parse error:" + address + "\n") + connected;
+            taking += "0 Add device " + address + ", index=" + number + "\n" + event;
             collecting += connected + event;
         }
         Dongle link;
-        handleServiceConnected(link.targets, text.c_str());
+        handleServiceConnected(link.targets, c.text.c_str());
         EXPECT_EQ(link.take(), parsing + taking);
         Dongle connection;
-        EXPECT_EQ(collectGroupConnections(connection.targets, text), count);
+        EXPECT_EQ(collectGroupConnections(connection.targets, c.text), static_cast<int>(c.reports.size()));
         EXPECT_EQ(connection.take(), collecting);
         for (Dongle* dongle : {&link, &connection}) {
             EXPECT_EQ(dongle->records(), records);
             EXPECT_EQ(dongle->recordsAtEvent, records) << "the last event comes when the record is there";
             EXPECT_FALSE(isHeld(dongle->callbacks.eventLock));
         }
-        EXPECT_EQ(textOf(parseServiceConnected(text)), records);
+        EXPECT_EQ(textOf(parseServiceConnected(c.text)), records);
     }
 }
 
@@ -109,20 +122,33 @@ TEST(Replies, ClientDisconnected) {
     const std::string known =
         "0 Update device C2A1B3D4E5F6 state to 0\n0 Device C2A1B3D4E5F6 disconnected.\nevent 1 0 C2A1B3D4E5F6\n";
     const std::string unknown = "0 Device 0123456789ab disconnected.\nevent 1 0 0123456789ab\n";
-    auto table = rows(R"(Client disconnected,C2A1B3D4E5F6,19 => known | Client disconnected,C2A1B3D4E5F6 => known
-        Client disconnected,C2A1B3D4E5F6,1,2,3,4 => known | x$Client disconnected now$,C2A1B3D4E5F6,$ => known
-        Client disconnected,C2A1B3D4E5F6,1$Client disconnected,0123456789ab,1$ => known
-        a,b Client disconnected,0123456789ab => unknown | Client disconnected,C2A1B3D4E5F6$
-        Client disconnected,C2A1B3D4E5,1 | Client disconnected,C2A1B3D4E5F67,1 | Client disconnected,C2A1B3D4E5G6,1
-        Client disconnected, C2A1B3D4E5F6,1 | Client disconnected, | Client disconnected,,
-        Client disconnected C2A1B3D4E5F6 | client disconnected,C2A1B3D4E5F6,1 | -)");
-    for (const auto& row : table) {
-        const std::string text = row[0], lines = row.size() == 1 ? "" : row[1] == "known" ? known : unknown;
-        SCOPED_TRACE(text);
+    const struct {
+        const char* text;
+        std::string trace = {};
+    } cases[] = {
+        {"Client disconnected,C2A1B3D4E5F6,19", known},
+        {"Client disconnected,C2A1B3D4E5F6", known},
+        {"Client disconnected,C2A1B3D4E5F6,1,2,3,4", known},
+        {"x\nClient disconnected now\n,C2A1B3D4E5F6,\n", known},
+        {"Client disconnected,C2A1B3D4E5F6,1\nClient disconnected,0123456789ab,1\n", known},
+        {"a,b Client disconnected,0123456789ab", unknown},
+        {"Client disconnected,C2A1B3D4E5F6\n"},
+        {"Client disconnected,C2A1B3D4E5,1"},
+        {"Client disconnected,C2A1B3D4E5F67,1"},
+        {"Client disconnected,C2A1B3D4E5G6,1"},
+        {"Client disconnected, C2A1B3D4E5F6,1"},
+        {"Client disconnected,"},
+        {"Client disconnected,,"},
+        {"Client disconnected C2A1B3D4E5F6"},
+        {"client disconnected,C2A1B3D4E5F6,1"},
+        {""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
         Dongle dongle{{"AABBCCDDEEFF", 1}, {"C2A1B3D4E5F6", 5}, {"C2A1B3D4E5F6", 6}};
-        handleClientDisconnected(dongle.targets, text.c_str());
-        EXPECT_EQ(dongle.take(), lines);
-        const std::string first = lines == known ? "C2A1B3D4E5F6 5 0;" : "C2A1B3D4E5F6 5 1;";
+        handleClientDisconnected(dongle.targets, c.text);
+        EXPECT_EQ(dongle.take(), c.trace);
+        const std::string first = c.trace == known ? "C2A1B3D4E5F6 5 0;" : "C2A1B3D4E5F6 5 1;";
         EXPECT_EQ(dongle.records(), "AABBCCDDEEFF 1 1;" + first + "C2A1B3D4E5F6 6 1;");
         EXPECT_FALSE(isHeld(dongle.callbacks.eventLock));
     }
@@ -131,27 +157,42 @@ TEST(Replies, ClientDisconnected) {
 TEST(Registry, DeviceListReply) {
     const std::string asBefore = "C2A1B3D4E5F6 5 1;AABBCCDDEEFF 2 1;C2A1B3D4E5F6 7 1;";
     const std::string allReset = "C2A1B3D4E5F6 0 0;AABBCCDDEEFF 0 0;C2A1B3D4E5F6 0 0;";
-    const std::string firstListed = "C2A1B3D4E5F6 1 1" + allReset.substr(16);
+    const std::string firstListed = "C2A1B3D4E5F6 1 1;AABBCCDDEEFF 0 0;C2A1B3D4E5F6 0 0;";
     const std::string digits(300, 'f'), kept = digits.substr(0, 253);  // 255 characters count, with index and comma
-    // Text, log lines and records, which come behind those of before when the text is a list.
-    auto table = rows(
-        R"(AT+LIST=none$ => 0 No device connected$ => reset | AT+LIST=nonexistent,AB => 0 No device connected$ => reset
-        x$y AT+LIST=1,C2A1B3D4E5F6;2,02$3,AB => 0 Update device C2A1B3D4E5F6, index=1$0 Add device 02, index=2$ => first 02 2 1;
-        AT+LIST=1,c2a1b3d4e5f6 => 0 Add device c2a1b3d4e5f6, index=1$ => reset c2a1b3d4e5f6 1 1;
-        AT+LIST=x,01;3;3,C2A1-B3;;99999999999,02; -4z,03; => 0 Add device 01, index=0$0 Add device 02, index=0$0 Add device 03, index=-4$ => reset 01 0 1;02 0 1;03 -4 1;
-        AT+LIST=3, => 0 Add device , index=3$ => reset  3 1; | AT+LIST=3,01,2;4, 02;5,03  => - => reset
-        AT+LIST=1,01;2,01 => 0 Add device 01, index=1$0 Update device 01, index=2$ => reset 01 2 1;
-        AT+LIST=1,01$AT+LIST=2,02 => 0 Add device 01, index=1$ => reset 01 1 1; | AT+LIST= none => - => reset
-        AT+LIST=$ => - => reset | AT+LIST none => - => before | - => - => before)");
-    table.push_back(
-        {"AT+LIST=1," + digits + ";2,02", "0 Add device " + kept + ", index=1\n", "reset " + kept + " 1 1;"});
-    for (const auto& row : table) {
-        SCOPED_TRACE(row[0]);
-        const std::string rest = row[2] == "before" ? "" : row[2].substr(std::min(row[2].size(), std::size_t{6}));
+    const auto added = [](const std::string& address, int index) {
+        return "0 Add device " + address + ", index=" + std::to_string(index) + "\n";
+    };
+    const auto updated = [](const std::string& address, int index) {
+        return "0 Update device " + address + ", index=" + std::to_string(index) + "\n";
+    };
+    const struct {
+        std::string text, log, records;
+    } cases[] = {
+        {.text = "AT+LIST=none\n", .log = "0 No device connected\n", .records = allReset},
+        {.text = "AT+LIST=nonexistent,AB", .log = "0 No device connected\n", .records = allReset},
+        {.text = "x\ny AT+LIST=1,C2A1B3D4E5F6;2,02\n3,AB",
+         .log = updated("C2A1B3D4E5F6", 1) + added("02", 2),
+         .records = firstListed + "02 2 1;"},
+        {.text = "AT+LIST=1,c2a1b3d4e5f6", .log = added("c2a1b3d4e5f6", 1), .records = allReset + "c2a1b3d4e5f6 1 1;"},
+        {.text = "AT+LIST=x,01;3;3,C2A1-B3;;99999999999,02; -4z,03;",
+         .log = added("01", 0) + added("02", 0) + added("03", -4),
+         .records = allReset + "01 0 1;02 0 1;03 -4 1;"},
+        {.text = "AT+LIST=3,", .log = added("", 3), .records = allReset + " 3 1;"},
+        {.text = "AT+LIST=3,01,2;4, 02;5,03 ", .log = "", .records = allReset},
+        {.text = "AT+LIST=1,01;2,01", .log = added("01", 1) + updated("01", 2), .records = allReset + "01 2 1;"},
+        {.text = "AT+LIST=1,01\nAT+LIST=2,02", .log = added("01", 1), .records = allReset + "01 1 1;"},
+        {.text = "AT+LIST=1," + digits + ";2,02", .log = added(kept, 1), .records = allReset + kept + " 1 1;"},
+        {.text = "AT+LIST= none", .log = "", .records = allReset},
+        {.text = "AT+LIST=\n", .log = "", .records = allReset},
+        {.text = "AT+LIST none", .log = "", .records = asBefore},
+        {.text = "", .log = "", .records = asBefore},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
         Dongle dongle{{"C2A1B3D4E5F6", 5}, {"AABBCCDDEEFF", 2}, {"C2A1B3D4E5F6", 7}};
-        dongle.registry.handleDeviceList(row[0].c_str());
-        EXPECT_EQ(dongle.take(), row[1]) << "and no event";
-        EXPECT_EQ(dongle.records(), (row[2][0] == 'b' ? asBefore : row[2][0] == 'f' ? firstListed : allReset) + rest);
+        dongle.registry.handleDeviceList(c.text.c_str());
+        EXPECT_EQ(dongle.take(), c.log) << "and no event";
+        EXPECT_EQ(dongle.records(), c.records);
     }
 }
 

@@ -8,7 +8,12 @@
 namespace test {
 namespace {
 
-const Bytes kPacket = Packet{1, 2, false, 10, 1}.bytes();
+/// Of headset 1, channel 2.
+Packet packet(int counter, unsigned seed = 1) {
+    return {.device = 1, .channel = 2, .counter = counter, .seed = seed};
+}
+
+const Bytes kPacket = packet(10).bytes();
 
 /// A host starts data collection inside a data callback, while the frame it is called for lies in the queue that is to
 /// be emptied.
@@ -24,12 +29,12 @@ TEST(Reset, InsideADataCallback) {
     session.parse(joined({envelope(1, part(kPacket, 0, 100)), envelope(3, part(kPacket, 0, 50))}));
     // Completed from the queue, with a second packet and half a third behind it. The second shows that the counters are
     // forgotten: its jump from 10 to 99 is no loss.
-    const Bytes later = Packet{1, 2, false, 99, 1}.bytes();
+    const Bytes later = packet(99).bytes();
     EXPECT_EQ(session.parse(envelope(1, joined({part(kPacket, 100), later, part(later, 0, 40)}))),
               call + call + "-1 Parse data error, not enough data. 40 \n");
     // The half packets of all headsets are gone before the next frame: what completes them finds nothing to complete.
     EXPECT_EQ(session.parse(joined({envelope(3, part(kPacket, 50)), envelope(1, part(later, 40))})), "");
-    const Bytes next = Packet{1, 2, false, 100, 2}.bytes();
+    const Bytes next = packet(100, 2).bytes();
     EXPECT_EQ(session.parse(joined({envelope(1, next), envelope(3, next)})),
               rawCall(1, 2, samples(2)) + rawCall(3, 2, samples(2)));
 }
@@ -61,9 +66,9 @@ TEST(Reset, FromAnotherThreadWhileDecoding) {
         session.tables.deviceStreams.claim();
         const std::string good = rawCall(1, 2, samples(1)), zeros = rawCall(1, 2, std::vector<int>(kSlots));
         for (int counter = 0; !stop; counter = (counter + 1) % 256, ++rounds) {
-            const Bytes packet = Packet{1, 2, false, counter, 1}.bytes();
+            const Bytes bytes = packet(counter).bytes();
             for (const auto& [from, to] : {std::pair{0u, 90u}, {90u, 180u}, {180u, 230u}}) {
-                std::string calls = session.parse(envelope(1, part(packet, from, to)));
+                std::string calls = session.parse(envelope(1, part(bytes, from, to)));
                 for (; calls.starts_with(zeros); calls.erase(0, zeros.size())) {
                 }
                 packets += calls == good;

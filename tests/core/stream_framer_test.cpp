@@ -1,149 +1,189 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <sstream>
 
-#include "support/link_model.h"
 #include "support/receive_session.h"
 
 namespace test {
 namespace {
 
-// One battery frame of headset 2 in its envelope: a header of 10 bytes, a payload of 8.
-const Bytes kFrame = envelope(2, batteryFrame(0x57, 5));
+using namespace std::string_literals;
 
-/// A block from its short form: '@' stands for that frame, '^' for its payload.
-Bytes block(std::string_view shortForm) {
-    Bytes bytes;
-    for (const char c : shortForm) {
-        append(bytes, c == '@' ? kFrame : c == '^' ? batteryFrame(0x57, 5) : Bytes{static_cast<std::uint8_t>(c)});
-    }
-    return bytes;
+std::string textOf(const Bytes& bytes) {
+    return {bytes.begin(), bytes.end()};
 }
 
-/// A trace from its short form, words whose letters say:
-///   i10,8,18  a header was read (its length, the payload's, all that is left)   w  the same, and the frame waits
-///   b2 call of headset 2    f18 both for that frame    L3 bytes lost    U a frame was waited for in vain
-///   E9, P9 end of a search    M no mark    X mark too far    C no colon    N no length
-std::string lines(const std::string& shortForm) {
-    std::istringstream words(shortForm);
-    std::string all;
-    for (std::string word; words >> word;) {
-        int a = 0, payload = 8, left = 0;
-        std::sscanf(word.c_str() + 1, "%d,%d,%d", &a, &payload, &left);
-        const auto numbers = [&](int header, int length, int rest) {
-            return "header_length =" + std::to_string(header) + ", frame_len = " + std::to_string(length) +
-                   " payload_len = " + std::to_string(rest - header) + "  length = " + std::to_string(rest) + ".\n";
-        };
-        const std::string info = "8 Parse info, ", error = "-1 Parse data error, ", number = std::to_string(a);
-        const char c = word[0];
-        all += c == 'i' ? info + numbers(a, payload, left)
-               : c == 'w'
-                   ? info + numbers(a, payload, left) + "7 Not enough data,wait next read. " + numbers(a, payload, left)
-               : c == 'b' ? batteryCall(a, 0x57, 500)
-               : c == 'f' ? info + numbers(10, 8, a) + batteryCall(2, 0x57, 500)
-               : c == 'L' ? "-1 Parse sync word lost " + number + ".\n"
-               : c == 'U' ? "-1 Parse sync error was not fixed.\n"
-               : c == 'E' ? error + number + " left.\n"
-               : c == 'P' ? "0 No payload, Left data. " + number + "\n"
-               : c == 'M' ? error + "no # mark.\n"
-               : c == 'X' ? error + "sync lost 3.\n"
-               : c == 'C' ? error + "convert frame len failed2.\n"
-                          : error + "convert frame len failed.\n";
-    }
-    return all;
+// One battery frame of headset 2 and its envelope: a header of 10 bytes, a payload of 8.
+const std::string kPayload = textOf(batteryFrame(0x57, 5));
+const std::string kFrame = textOf(envelope(2, batteryFrame(0x57, 5)));
+
+// What a session's trace says.
+std::string battery(int device) {
+    return batteryCall(device, 0x57, 500);
 }
+std::string headerNumbers(int header, int payload, int left) {
+    return "header_length =" + std::to_string(header) + ", frame_len = " + std::to_string(payload) +
+           " payload_len = " + std::to_string(left - header) + "  length = " + std::to_string(left) + ".\n";
+}
+/// The lengths of the header and of the payload that it announces, and all bytes that are left, header included.
+std::string headerRead(int header, int payload, int left) {
+    return "8 Parse info, " + headerNumbers(header, payload, left);
+}
+std::string frameWaits(int header, int payload, int left) {
+    return headerRead(header, payload, left) + "7 Not enough data,wait next read. " +
+           headerNumbers(header, payload, left);
+}
+/// kFrame is read, with `left` bytes from its beginning.
+std::string frameTaken(int left) {
+    return headerRead(10, 8, left) + battery(2);
+}
+std::string lost(int bytes) {
+    return "-1 Parse sync word lost " + std::to_string(bytes) + ".\n";
+}
+std::string nothingFound(int left) {
+    return "-1 Parse data error, " + std::to_string(left) + " left.\n";
+}
+std::string invalidHeaderAtEnd(int left) {
+    return "0 No payload, Left data. " + std::to_string(left) + "\n";
+}
+const std::string kWaitedInVain = "-1 Parse sync error was not fixed.\n";
+const std::string kNoMark = "-1 Parse data error, no # mark.\n";
+const std::string kMarkTooFar = "-1 Parse data error, sync lost 3.\n";
+const std::string kNoColon = "-1 Parse data error, convert frame len failed2.\n";
+const std::string kNegativeLength = "-1 Parse data error, convert frame len failed.\n";
 
 TEST(StreamFramer, HeadersHistoryAndSyncErrorState) {
-    // Block and lines, and where it matters what is left as history and the state before and after.
-    auto table = rows(
-        R"(@@ => f36 f18 | xyz@ => L3 f18 | AATAT+DA@ => L8 f18 | @~A~@#@ => f58 L3 f37 L1 f18 | AT+DAT:#@ => i8,0,26 f18
-        AT+DAT2:0#@ => i10,0,28 f18 | AT+DAT +2:` +8#^ => i15,8,23 b2 | AT+DAT2x:8:9#^ => i13,8,21 b2
-        AT+DATx:-#@ => i10,0,28 f18 | AT+DAT00002:0008#^ => i17,8,25 b2 | AT+DAT000002:0008#^@ => X L25 f18
-        AT+DAT28#@ => C L8 f18 | AT+DAT#@ => C L6 f18 | AT+DAT2:-8#@ => N L10 f18 | AT+DAT@ => i16,8,24 b0
-        AT+DAT15:8#^ => i11,8,19 b15 | AT+DAT16:8#^@ => i11,8,37 f18 | AT+DAT-1:8#^@ => i11,8,37 f18
-        AT+DAT99999999:8#^@ => i17,8,43 f18 | @AT+DAT2:8 8 8 8 8 => f35 M => - => 0 => 0
-        xAT+DAT2:~8#@ => M => - => 0 => 0 | @ => f18 => old => 5 => 0
-        AT+DAT2:99999999#1 => w17,99999999,18 => AT+DAT2:99999999#1 => 0 => 5
-        @AT+DAT3:8#1234567 => f35 w10,8,17 => AT+DAT3:8#1234567 => 0 => 5
-        AT+DAT3:8# => w10,8,10 => AT+DAT3:8# => 5 => 5 | AT+DAT2:8 => - => AT+DAT2:8 => 5 => 5
-        @#AT+DAT2: => f27 => #AT+DAT2: => 0 => 0 | AT+DAT123# => C P9 => T+DAT123# => 0 => 0
-        AT+DAT123#. => C E9 => +DAT123#. => 0 => 0 | x@ => U L1 f18 => old => 5 => 0
-        AT+DAT28#@ => C U L8 f18 => old => 5 => 0 | abcdefghijkl => U E9 => defghijkl => 5 => 0
-        AT+DAT2:8.. => M => - => 5 => 5)");
-    for (auto& field : table) {
-        SCOPED_TRACE(field[0]);
-        if (field.size() == 2) {
-            field.insert(field.end(), {"old", "0", "0"});
-        }
+    constexpr int kWaited = kxorbeta_if::ReceiveTables::kWaitedForData;
+    const struct {
+        std::string block, trace;
+        std::string history = "old";  // afterwards; before it is "old"
+        int before = 0, after = 0;    // the sync error state
+    } cases[] = {
+        {.block = kFrame + kFrame, .trace = frameTaken(36) + frameTaken(18)},
+        {.block = "xyz" + kFrame, .trace = lost(3) + frameTaken(18)},
+        {.block = "AATAT+DA" + kFrame, .trace = lost(8) + frameTaken(18)},
+        {.block = kFrame + "\0A\0"s + kFrame + "#" + kFrame,
+         .trace = frameTaken(58) + lost(3) + frameTaken(37) + lost(1) + frameTaken(18)},
+        // Numbers are read as far as they go; what is none counts as 0.
+        {.block = "AT+DAT:#" + kFrame, .trace = headerRead(8, 0, 26) + frameTaken(18)},
+        {.block = "AT+DAT2:0#" + kFrame, .trace = headerRead(10, 0, 28) + frameTaken(18)},
+        {.block = "AT+DAT  +2:\t  +8#" + kPayload, .trace = headerRead(17, 8, 25) + battery(2)},
+        {.block = "AT+DAT2x:8:9#" + kPayload, .trace = headerRead(13, 8, 21) + battery(2)},
+        {.block = "AT+DATx:-#" + kFrame, .trace = headerRead(10, 0, 28) + frameTaken(18)},
+        {.block = "AT+DAT00002:0008#" + kPayload, .trace = headerRead(17, 8, 25) + battery(2)},
+        {.block = "AT+DAT000002:0008#" + kPayload + kFrame, .trace = kMarkTooFar + lost(25) + frameTaken(18)},
+        {.block = "AT+DAT28#" + kFrame, .trace = kNoColon + lost(8) + frameTaken(18)},
+        {.block = "AT+DAT#" + kFrame, .trace = kNoColon + lost(6) + frameTaken(18)},
+        {.block = "AT+DAT2:-8#" + kFrame, .trace = kNegativeLength + lost(10) + frameTaken(18)},
+        {.block = "AT+DAT" + kFrame, .trace = headerRead(16, 8, 24) + battery(0)},
+        // Headsets 0 to 15; frames of others are passed over whole.
+        {.block = "AT+DAT15:8#" + kPayload, .trace = headerRead(11, 8, 19) + battery(15)},
+        {.block = "AT+DAT16:8#" + kPayload + kFrame, .trace = headerRead(11, 8, 37) + frameTaken(18)},
+        {.block = "AT+DAT-1:8#" + kPayload + kFrame, .trace = headerRead(11, 8, 37) + frameTaken(18)},
+        {.block = "AT+DAT99999999:8#" + kPayload + kFrame, .trace = headerRead(17, 8, 43) + frameTaken(18)},
+        // A search that meets the end or a zero byte before a mark gives the rest up.
+        {.block = kFrame + "AT+DAT2:8 8 8 8 8", .trace = frameTaken(35) + kNoMark, .history = ""},
+        {.block = "xAT+DAT2:\0008#"s + kFrame, .trace = kNoMark, .history = ""},
+        {.block = "AT+DAT2:8..", .trace = kNoMark, .history = "", .before = kWaited, .after = kWaited},
+        // What is incomplete is kept.
+        {.block = kFrame, .trace = frameTaken(18), .before = kWaited},
+        {.block = "AT+DAT2:99999999#1",
+         .trace = frameWaits(17, 99999999, 18),
+         .history = "AT+DAT2:99999999#1",
+         .after = kWaited},
+        {.block = kFrame + "AT+DAT3:8#1234567",
+         .trace = frameTaken(35) + frameWaits(10, 8, 17),
+         .history = "AT+DAT3:8#1234567",
+         .after = kWaited},
+        {.block = "AT+DAT3:8#",
+         .trace = frameWaits(10, 8, 10),
+         .history = "AT+DAT3:8#",
+         .before = kWaited,
+         .after = kWaited},
+        {.block = "AT+DAT2:8", .trace = "", .history = "AT+DAT2:8", .before = kWaited, .after = kWaited},
+        {.block = kFrame + "#AT+DAT2:", .trace = frameTaken(27), .history = "#AT+DAT2:"},
+        {.block = "AT+DAT123#", .trace = kNoColon + invalidHeaderAtEnd(9), .history = "T+DAT123#"},
+        {.block = "AT+DAT123#.", .trace = kNoColon + nothingFound(9), .history = "+DAT123#."},
+        // A frame that was waited for is not there.
+        {.block = "x" + kFrame, .trace = kWaitedInVain + lost(1) + frameTaken(18), .before = kWaited},
+        {.block = "AT+DAT28#" + kFrame,
+         .trace = kNoColon + kWaitedInVain + lost(8) + frameTaken(18),
+         .before = kWaited},
+        {.block = "abcdefghijkl", .trace = kWaitedInVain + nothingFound(9), .history = "defghijkl", .before = kWaited},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.block);
         ReceiveSession session;
         session.history.keep(bytesOf("old"));
-        session.tables.syncErrorState = std::stoi(field[3]);
-        EXPECT_EQ(session.parse(block(field[0])), lines(field[1]));
-        EXPECT_TRUE(std::ranges::equal(session.history.bytes(), bytesOf(field[2])));
-        EXPECT_EQ(session.tables.syncErrorState, std::stoi(field[4]));
+        session.tables.syncErrorState = c.before;
+        EXPECT_EQ(session.parse(bytesOf(c.block)), c.trace);
+        EXPECT_TRUE(std::ranges::equal(session.history.bytes(), bytesOf(c.history)));
+        EXPECT_EQ(session.tables.syncErrorState, c.after);
     }
 }
 
 TEST(StreamFramer, SeveralBlocksWithTheirHistory) {
-    const Bytes large = envelope(1, Bytes(600, 1));
-    ReceiveSession session;
-    LinkModel link(session.framer, session.history);
-    const auto read = [&](const Bytes& bytes) {
-        link.feed(bytes);
-        return session.take();
+    const std::string large = textOf(envelope(1, Bytes(600, 1)));
+    const std::string start = kFrame.substr(0, 12), end = kFrame.substr(12), startWaits = frameWaits(10, 8, 12);
+    const struct {
+        std::string block, trace;
+    } reads[] = {
+        {start, startWaits},
+        {end, frameTaken(18)},
+        {start, startWaits},
+        {end, frameTaken(18)},
+        // A read that began with history passes none on, so the next begins in the middle of a frame.
+        {kFrame.substr(0, 8), ""},
+        {kFrame.substr(8) + start, frameTaken(30) + startWaits},
+        {end + kFrame, kWaitedInVain + lost(6) + frameTaken(18)},
+        // 512 bytes and more are given up, 511 are not.
+        {large.substr(0, 512), frameWaits(12, 600, 512)},
+        {large.substr(512) + kFrame, "-1 History data full\n" + kWaitedInVain + lost(100) + frameTaken(18)},
+        {large.substr(0, 511), frameWaits(12, 600, 511)},
+        {large.substr(511) + kFrame, headerRead(12, 600, 630) + frameTaken(18)},
     };
-    for (int round = 0; round < 2; ++round) {
-        EXPECT_EQ(read(part(kFrame, 0, 12)), lines("w10,8,12"));
-        EXPECT_EQ(read(part(kFrame, 12)), lines("f18"));
+    ReceiveSession session;
+    for (const auto& read : reads) {
+        EXPECT_EQ(session.read(bytesOf(read.block)), read.trace);
     }
-    // A read that began with history passes none on, so the next begins in the middle of a frame.
-    EXPECT_EQ(read(part(kFrame, 0, 8)), "");
-    EXPECT_EQ(read(joined({part(kFrame, 8), part(kFrame, 0, 12)})), lines("f30 w10,8,12"));
-    EXPECT_EQ(read(joined({part(kFrame, 12), kFrame})), lines("U L6 f18"));
-    // 512 bytes and more are given up, 511 are not.
-    EXPECT_EQ(read(part(large, 0, 512)), lines("w12,600,512"));
-    EXPECT_EQ(read(joined({part(large, 512), kFrame})), lines("U L100 f18"));
-    EXPECT_EQ(read(part(large, 0, 511)), lines("w12,600,511"));
-    EXPECT_EQ(read(joined({part(large, 511), kFrame})), lines("i12,600,630 f18"));
 }
 
 TEST(StreamFramer, DumpsTrafficWhenAskedTo) {
-    const std::string text = "41542B444154323A332341420A", taken = "8 Frame2:41420A\n";
-    const std::string frame = "8 Frame2:" + hexOf(block("^")) + "\n", call = lines("b2");
-    std::string stray;
+    const std::string hex = "41542B444154323A332341420A";  // three bytes for headset 2, which are no frame
+    const std::string dumped = "8 Frame2:" + hexOf(bytesOf(kPayload)) + "\n" + battery(2);
+    std::string garbage;
     for (int i = 0; i < 100; ++i) {
-        stray += "xA";  // found in pieces
+        garbage += "xA";  // found in pieces
     }
     const struct {
-        Bytes block;
-        int state;
-        std::string lines;  // behind the dump of the block
+        std::string block, trace;  // behind the dump of the block
+        int state = 0;
     } cases[] = {
-        {fromHex(text), 0, lines("i10,3,13") + taken},
-        {fromHex(text), 5,
-         lines("i10,3,13") + "8 Parse error 5 was fixed, length: 13.\n0 Check Data: " + text + "\n" + taken},
-        // Stray bytes are counted anew after each frame, and no more than 128 of them are shown.
-        {block("xAz@A2@"), 0,
-         lines("L3") + "0 Lost Data: 78417A\n" + lines("i10,8,38") + frame + call + lines("L2") +
-             "0 Lost Data: 4132\n" + lines("i10,8,18") + frame + call},
-        {block(stray + "@"), 0,
-         lines("L200") + "0 Lost Data: " + hexOf(bytesOf(stray.substr(0, 128))) + "\n" + lines("i10,8,18") + frame +
-             call},
+        {.block = textOf(fromHex(hex)), .trace = headerRead(10, 3, 13) + "8 Frame2:41420A\n"},
+        {.block = textOf(fromHex(hex)),
+         .trace = headerRead(10, 3, 13) + "8 Parse error 5 was fixed, length: 13.\n0 Check Data: " + hex +
+                  "\n8 Frame2:41420A\n",
+         .state = 5},
+        // Garbage is counted anew after each frame, and no more than 128 bytes of it are shown.
+        {.block = "xAz" + kFrame + "A2" + kFrame,
+         .trace = lost(3) + "0 Lost Data: 78417A\n" + headerRead(10, 8, 38) + dumped + lost(2) + "0 Lost Data: 4132\n" +
+                  headerRead(10, 8, 18) + dumped},
+        {.block = garbage + kFrame,
+         .trace = lost(200) + "0 Lost Data: " + hexOf(bytesOf(garbage.substr(0, 128))) + "\n" + headerRead(10, 8, 18) +
+                  dumped},
     };
     for (const auto& c : cases) {
         ReceiveSession session;
         session.flags.rawDump = true;
         session.tables.syncErrorState = c.state;
-        EXPECT_EQ(session.parse(c.block), "8 ParseData:" + hexOf(c.block) + "\n" + c.lines);
+        EXPECT_EQ(session.parse(bytesOf(c.block)), "8 ParseData:" + hexOf(bytesOf(c.block)) + "\n" + c.trace);
     }
 }
 
 TEST(StreamFramer, FramesInPiecesAreCompletedByTheirOwnHeadset) {
     const Post post{1, 8, 2, 4, 3, {1, 2, 3, 4, 5, 6, 7, 8}};
     const Bytes response = responseFrame(0xEE, 9, Bytes(12, 0x31));
-    const Bytes frames = joined({Packet{4, 1, false, 5, 1}.bytes(), postFrame(post), response});
+    const Bytes frames = joined({Packet{.channel = 1, .seed = 1}.bytes(), postFrame(post), response});
     const auto whole = [&](int device) {
         return rawCall(device, 1, samples(1)) + postCall(post) + responseCall(device, response);
     };
@@ -154,8 +194,8 @@ TEST(StreamFramer, FramesInPiecesAreCompletedByTheirOwnHeadset) {
         EXPECT_EQ(session.parse(joined({envelope(4, part(frames, 0, cut)), envelope(3, part(frames, 0, 100)),
                                         envelope(4, part(frames, cut))})),
                   whole(4));
-        EXPECT_EQ(session.parse(joined({envelope(3, part(frames, 100)), envelope(4, block("^"))})),
-                  whole(3) + lines("b4"));
+        EXPECT_EQ(session.parse(joined({envelope(3, part(frames, 100)), envelope(4, bytesOf(kPayload))})),
+                  whole(3) + battery(4));
     }
     ReceiveSession session(-2);
     std::string calls;
@@ -173,7 +213,7 @@ TEST(StreamFramer, TruncatedStreamsGiveWhatIsComplete) {
         const int device = framed ? 6 : 0;
         const std::pair<Bytes, std::string> items[] = {
             {batteryFrame(7, 8), batteryCall(device, 7, 800)},
-            {Packet{0, 15, false, 1, 3}.bytes(), rawCall(device, 15, samples(3))},
+            {Packet{.channel = 15, .seed = 3}.bytes(), rawCall(device, 15, samples(3))},
             {response, responseCall(device, response)},
             {postFrame(post), postCall(post)},
         };
@@ -208,16 +248,18 @@ TEST(StreamFramer, TruncatedStreamsGiveWhatIsComplete) {
 
 TEST(StreamFramer, ParserEntryFollowsTheEnvelopeFlag) {
     ReceiveSession session(-2);
-    EXPECT_EQ(session.parse(block("^@")), lines("b2")) << "bare frames are stray bytes there";
+    EXPECT_EQ(session.parse(bytesOf(kPayload + kFrame)), battery(2)) << "bare frames are garbage there";
     session.history.keep(bytesOf("old"));
     session.parse({});
     EXPECT_EQ(session.history.length(), 0);
     session.flags.ctlFraming = false;
-    EXPECT_EQ(session.parse(block("^@")), lines("b0 b0")) << "envelopes are stray bytes here";
+    EXPECT_EQ(session.parse(bytesOf(kPayload + kFrame)), battery(0) + battery(0)) << "envelopes are garbage here";
     // The direct decoder always says what is left, also when it is nothing.
-    for (const auto& [text, left] : {std::pair{"^", 0}, {"^U", 1}, {"^UUUUUUU", 7}, {"", 0}, {"12345", 5}}) {
+    const std::pair<std::string, int> blocks[] = {
+        {kPayload, 0}, {kPayload + "U", 1}, {kPayload + "UUUUUUU", 7}, {"", 0}, {"12345", 5}};
+    for (const auto& [text, left] : blocks) {
         session.history.keep(bytesOf("old"));
-        session.parse(block(text));
+        session.parse(bytesOf(text));
         EXPECT_EQ(session.history.length(), left) << text;
     }
 }

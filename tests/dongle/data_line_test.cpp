@@ -17,8 +17,9 @@ struct Stream : Bench {
     /// The frames of `other` stand in this one, whole and in order.
     bool holds(const Stream& other) const {
         std::size_t at = 0;
-        for (std::size_t i = 0; i < other.bytes.size() && at != bytes.npos; i += kFrame)
+        for (std::size_t i = 0; i < other.bytes.size() && at != bytes.npos; i += kFrame) {
             at = bytes.find(other.bytes.substr(i, kFrame), i == 0 ? 0 : at + kFrame);
+        }
         return at != bytes.npos;
     }
 
@@ -26,13 +27,11 @@ struct Stream : Bench {
     const HeadsetCounters& counters = engine.headsetCounters(1);
 };
 
-/// A quarter of the 1,600 frames, with room for chance, and what the dongle itself has counted.
-void expectQuarter(std::uint64_t count, std::uint64_t counted) {
-    EXPECT_NEAR(static_cast<double>(count), 400.0, 80.0);
-    EXPECT_EQ(count, counted);
-}
-
 TEST(DataLine, EveryFaultDoesItsDamageAndIsCounted) {
+    // A quarter of the 1,600 frames, with room for chance, and what the dongle itself has counted.
+    const auto expectQuarter = [](std::uint64_t count, std::uint64_t counted) {
+        EXPECT_TRUE(count == counted && count >= 320 && count <= 480) << count << " " << counted;
+    };
     const Stream clean({});
     for (const FaultSettings& faults : {FaultSettings{.loseEvery = 4}, FaultSettings{.lose = 0.25}}) {
         const Stream lossy(faults);
@@ -49,8 +48,9 @@ TEST(DataLine, EveryFaultDoesItsDamageAndIsCounted) {
     const Stream corrupting({.corrupt = 0.25}), splitting({.split = 0.25});
     std::uint64_t wrong = 0;
     ASSERT_EQ(corrupting.bytes.size(), clean.bytes.size());
-    for (std::size_t i = 0; i < clean.bytes.size(); ++i)
+    for (std::size_t i = 0; i < clean.bytes.size(); ++i) {
         wrong += clean.bytes[i] != corrupting.bytes[i] ? 1U : 0U;
+    }
     expectQuarter(wrong, corrupting.counters.rawCorrupted);
     EXPECT_GT(splitting.writes.size(), clean.writes.size() + 320);
     EXPECT_EQ(splitting.bytes, clean.bytes);

@@ -34,8 +34,9 @@ inline std::vector<std::pair<int, Bytes>> readFrames(std::string_view data) {
         std::sscanf(std::string(data.substr(0, 16)).c_str(), "AT+DAT%d:%d#%n", &device, &length, &head);
         const auto size = static_cast<std::size_t>(head + length);
         EXPECT_TRUE(head > 0 && data.size() >= size) << "no whole frame after " << frames.size() << " frames";
-        if (testing::Test::HasFailure())
+        if (testing::Test::HasFailure()) {
             break;
+        }
         frames.emplace_back(device, Bytes(data.begin() + head, data.begin() + head + length));
         data.remove_prefix(size);
     }
@@ -51,15 +52,17 @@ struct Bench {
         engine.advance(now += span);
         writes = engine.takeWrites();
         std::string all;
-        for (const Write& write : writes)
+        for (const Write& write : writes) {
             all.append(all.empty() ? "" : between).append(write.bytes.begin(), write.bytes.end());
+        }
         return all;
     }
     /// Connects the headsets 1 to `count` and passes the reports: what comes next is data.
     void connect(int count) {
         std::string request = "AT+GRPCONN=";
-        for (int number = 1; number <= count; ++number)
+        for (int number = 1; number <= count; ++number) {
             request += defaultHeadset(number).address + ";";
+        }
         send(request + '\0');
         pass(engine.settings().replies.connectDuration * count + engine.settings().replies.streamDelay);
     }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <set>
 
 #include "dongle_test_support.h"
 
@@ -25,8 +26,9 @@ TEST(Engine, AnswersRequestsWithTextsInWritesOfTheirOwnWhenTheyAreDue) {
         EXPECT_EQ(counters.unknownTexts * 2 + counters.garbageBytes, request[3] == 'W' ? 8U : 0U);
         EXPECT_EQ(bench.pass(299ms), "");
         EXPECT_EQ(bench.pass(5s, "|"), expected);
-        for (const Write& write : bench.writes)
+        for (const Write& write : bench.writes) {
             EXPECT_GT(write.gap, 10ms) << expected;
+        }
         bench.send(request);
         bench.engine.restart();
         EXPECT_EQ(bench.pass(5s), "Bootup") << "whatever was to be answered";
@@ -45,8 +47,9 @@ TEST(Engine, SendsEveryKindOfFrameAtItsRate) {
         bench.send("AT+CTLAL:\xAA\xCC\x03\0\0\0\x01\xFB\x41T+CTL2:\xAA\xCC\x03\0\0\0\x01\xFB"sv);
         bench.send("AT+CTL1:\xAA\xCC\x03\0\0\0\x01\xFA\0\0\0\0\0\0\0\0"sv);
         std::map<std::size_t, std::vector<Bytes>> seen;
-        for (const auto& [device, payload] : readFrames(bench.pass(20s - 1ms)))
+        for (const auto& [device, payload] : readFrames(bench.pass(20s - 1ms))) {
             seen[payload.size()].push_back(payload);
+        }
         // Frames may wait for the next burst.
         EXPECT_NEAR(static_cast<double>(seen[230].size()), 2 * raw, 3) << channels << " channels";
         const Bytes battery = batteryFrame(90, 37);
@@ -78,6 +81,138 @@ TEST(Engine, TimersActOnceAndCountFromTheFirstConnection) {
         EXPECT_EQ(bench.engine.hungUp(), settings.faults.hangUpAfter > 0s);
         bench.send("AT+PING");
         EXPECT_EQ(bench.pass(20s), answer) << expected;
+    }
+}
+
+/// The headsets of a group connection that are connected, by their numbers.
+std::string connectedOf(const Engine& engine) {
+    std::string numbers;
+    for (const Headset& headset : engine.headsets()) {
+        numbers += headset.connected() ? headset.settings().address.substr(11) : "";
+    }
+    return numbers;
+}
+
+TEST(Engine, AnswersASecondGroupAsItIsSet) {
+    const std::string added = "Service connected. A1B2C3D4E503,3\nGroup connection finish\r\n";
+    const std::string gone = "Client disconnected,A1B2C3D4E501,19\r\nClient disconnected,A1B2C3D4E502,19\r\n";
+    for (const auto& [second, expected, connected] : {std::tuple(SecondGroup::Accept, added, "123"),
+                                                      {SecondGroup::Ignore, "", "12"},
+                                                      {SecondGroup::DropOthers, gone + added, "3"}}) {
+        Settings settings = rawOnly(3, 0);
+        settings.replies.secondGroup = second;
+        Bench bench(settings);
+        bench.connect(2);
+        bench.send("AT+GRPCONN=A1B2C3D4E503\0"sv);
+        EXPECT_EQ(bench.pass(1s), expected);
+        EXPECT_EQ(connectedOf(bench.engine), connected);
+        // Nothing is left of the first group: what is set does not matter.
+        bench.send("AT+DISCONN\0AT+GRPCONN=A1B2C3D4E502\0"sv);
+        bench.pass(1s);
+        EXPECT_EQ(connectedOf(bench.engine), "2");
+    }
+}
+
+TEST(Engine, DropsAllAtAnyTimeAndAScanFindsOnlyWhatIsNotConnected) {
+    const std::string finish = "Finish scan\r\n", one = "A1B2C3D4E501,1 XAI-01\n", two = "A1B2C3D4E502,1 XAI-02\n";
+    Bench bench(rawOnly(2));
+    bench.send("AT+DISCONN\0"sv);
+    EXPECT_EQ(bench.pass(1s), "") << "nothing to drop";
+    bench.connect(1);
+    bench.engine.setSampleRate(1, 0);
+    bench.send("AT+SCAN\0"sv);
+    EXPECT_EQ(bench.pass(1s), "Start scan\n" + two + finish);
+    bench.send("AT+DISCONN\0AT+DISCONN\0AT+SCAN\0"sv);
+    EXPECT_EQ(bench.pass(1s), "Start scan\n" + one + two + finish);
+}
+
+TEST(Engine, RestartsAndIsUnpluggedAgainAndAgain) {
+    struct Case {
+        Time first, every;
+        std::vector<int> seconds;  // when it happens
+    };
+    for (const Case& c : {Case{3s, 5s, {3, 8, 13, 18}}, {0s, 5s, {5, 10, 15, 20}}, {4s, 0s, {4}}}) {
+        Settings settings = rawOnly(1, 0);
+        settings.timersFrom = TimersFrom::Start;
+        settings.faults.restartAfter = c.first;
+        settings.faults.restartEvery = c.every;
+        Bench restarting(settings);
+        settings.faults.hangUpAfter = std::exchange(settings.faults.restartAfter, 0s);
+        settings.faults.replugEvery = std::exchange(settings.faults.restartEvery, 0s);
+        Bench unplugging(settings);
+        std::vector<int> restarts, unpluggings;
+        for (int second = 1; second <= 20; ++second) {
+            unplugging.engine.join(1);
+            unplugging.pass(999ms);
+            if (restarting.pass(1s) == "Bootup") {
+                restarts.push_back(second);
+            }
+            const auto before = unplugging.engine.unpluggings();
+            unplugging.pass(1ms);
+            if (unplugging.engine.unpluggings() == before) {
+                continue;
+            }
+            unpluggings.push_back(second);
+            // It has no power while it is out: it hears nothing, has no headset and says nothing.
+            unplugging.send("AT+PING");
+            unplugging.engine.join(1);
+            unplugging.engine.sendRaw("x");
+            EXPECT_EQ(unplugging.pass(0s), "");
+            EXPECT_FALSE(unplugging.engine.pluggedIn() || unplugging.engine.connected(1));
+            EXPECT_EQ(unplugging.engine.hungUp(), c.every == 0s);
+        }
+        EXPECT_EQ(restarts, c.seconds);
+        EXPECT_EQ(unpluggings, c.seconds);
+        EXPECT_EQ(unplugging.pass(1s, "|"), "");
+        unplugging.send("AT+PING");
+        EXPECT_EQ(unplugging.pass(1s), c.every == 0s ? "" : "AT+OK");
+    }
+}
+
+TEST(Engine, HeadsetsComeBackUnderTheirOtherIndex) {
+    Settings settings = rawOnly(2);
+    settings.headsets[0].disconnectAfter = 5s;
+    settings.headsets[0].rejoinAfter = 2s;
+    settings.headsets[0].rejoinIndex = 9;
+    Bench bench(settings);
+    Time past{0};  // since the first headset came
+    bench.engine.join(1);
+    bench.engine.join(2);
+    for (const int index : {9, 1, 9}) {
+        bench.pass(5s - past);
+        EXPECT_EQ(connectedOf(bench.engine), "2");
+        EXPECT_EQ(bench.pass(1900ms).find("Service"), std::string::npos);
+        EXPECT_NE(bench.pass(100ms).find("Service connected. A1B2C3D4E501," + std::to_string(index)),
+                  std::string::npos);
+        EXPECT_THROW(bench.engine.connected(10 - index), std::out_of_range);
+        past = 1100ms;
+        bench.pass(past - 1s);
+        std::set<int> devices;
+        for (const auto& [device, payload] : readFrames(bench.pass(1s))) {
+            devices.insert(device);
+        }
+        EXPECT_EQ(devices, (std::set{index, 2}));
+    }
+    // A host that fetches it back itself gets it under the index that it had.
+    bench.pass(5s - past);
+    bench.connect(1);
+    bench.pass(4s);
+    EXPECT_TRUE(bench.engine.connected(9) && bench.engine.headsets()[0].connection() == 5);
+}
+
+TEST(Engine, RefusesSettingsThatContradictEachOther) {
+    const std::vector<std::function<void(Settings&)>> cases{
+        [](Settings& s) { s.headsets[0].rejoinIndex = 1; },
+        [](Settings& s) { s.headsets[0].rejoinIndex = 2; },
+        [](Settings& s) { s.headsets[0].rejoinIndex = 16; },
+        [](Settings& s) { s.headsets[0].rejoinIndex = s.headsets[1].rejoinIndex.emplace(5); },
+        [](Settings& s) { s.faults.replugEvery = s.faults.replugAway; },
+        [](Settings& s) { s.faults.replugEvery = 9s, s.faults.replugAway = 0s; },
+    };
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        Settings settings = defaultSettings(2);
+        cases[i](settings);
+        EXPECT_THROW(Engine{settings}, std::invalid_argument) << i;
     }
 }
 

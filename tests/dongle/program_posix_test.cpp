@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -24,8 +25,9 @@ struct Program {
     }
     /// Waits for the end; the rest of the output is in `rest` then.
     int exitCode() {
-        for (std::string text = line(); !text.empty(); text = line())
+        for (std::string text = line(); !text.empty(); text = line()) {
             rest += text;
+        }
         const int status = ::pclose(output);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
@@ -61,22 +63,58 @@ TEST(Program, ReplacesOnlyALinkThatADongleHasLeft) {
     }
 }
 
+TEST(Program, ComesBackUnderItsOtherNameAndWritesWhatBecameOfEveryPacket) {
+    const std::string file = kLink + ".csv";
+    Program program(
+        "--fill 20000 --timers-from start --headset 1:join-after=1 --replug-every 400 --replug-away 50 --account " +
+        file + " --link " + kLink + " --link " + kLink + "b");
+    for (const std::string name : {"", "b", "", "b"}) {
+        const std::string line = program.line();
+        EXPECT_TRUE(line.starts_with("velmora-dongle: ready on " + kLink + name + " (a link to /dev/pts/")) << line;
+    }
+    ::kill(program.id, SIGTERM);
+    EXPECT_EQ(program.exitCode(), 0);
+    EXPECT_FALSE(std::filesystem::is_symlink(kLink) || std::filesystem::is_symlink(kLink + "b"));
+    const std::size_t at = program.rest.find("summary: account: ");
+    ASSERT_NE(at, std::string::npos) << program.rest;
+    std::ifstream lines(file);
+    std::string title, line;
+    std::getline(lines, title);
+    EXPECT_TRUE(title.starts_with("headset,index,kind,number,"));
+    int rows = 0;
+    for (; std::getline(lines, line); ++rows) {
+        EXPECT_TRUE(line.starts_with("A1B2C3D4E501,1,raw," + std::to_string(rows) + ",")) << line;
+    }
+    EXPECT_TRUE(program.rest.substr(at + 18).starts_with(std::to_string(rows) + " packets = 0 lost + "));
+    EXPECT_GT(rows, 0);
+    std::filesystem::remove(file);
+}
+
 TEST(Program, TakesOptionsAndSaysWhatItCannotUse) {
+    const std::string scanLines = kLink + ".txt";
+    std::ofstream(scanLines) << "anything\n";
     const std::vector<std::tuple<std::string, int, std::string>> cases{
         {"--duration 1 --headset 2:address=AABBCCDDEEFF,index=9,join-after=5 --timers-from start --fill 1000 --no-gaps "
-         "--scan-lines '" __FILE__ "' --response-mark EE --text-cuts 1,2,3",
+         "--response-mark EE --text-cuts 1,2,3 --second-group drop --restart-every 9 --scan-lines " +
+             scanLines,
          0, "headset AABBCCDDEEFF (device 9)"},
+        {"--headset 9:rate=1", 2, "there is no headset 9, they have the numbers 1 to 2"},
+        {"--headsets 0 --headset 1:rate=1", 2, "there is no headset 1, there are none at all"},
+        {"--headset nine:rate=1", 2, "must begin with the number of a headset"},
+        {"--account /nowhere/file", 3, "/nowhere/file cannot be written"},
+        {"--timers-from start --replug-every 60 --replug-away 30 --link " + kLink + " --link /nowhere/link", 3,
+         "no link can be made at /nowhere/link"},
         {"--channels 16 --packing multi", 2, "channels must be 1 to 15"},
         {"--headset 1:index=2", 2, "two headsets have the index 2"},
         {"--port /nowhere/port", 3, "/nowhere/port"},
         {"--link /", 3, "exists and is not a link"},
-        {"--link /nowhere/link", 3, "/nowhere/link"},
     };
     for (const auto& [arguments, exitCode, text] : cases) {
         Program program(arguments);
         EXPECT_EQ(program.exitCode(), exitCode) << arguments;
         EXPECT_NE(program.rest.find(text), std::string::npos) << program.rest;
     }
+    std::filesystem::remove(scanLines);
 }
 
 }  // namespace dongle::test

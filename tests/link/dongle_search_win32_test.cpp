@@ -4,6 +4,7 @@
 
 #include "dongle/dongle_runner.h"
 #include "link/dongle_search.h"
+#include "sdk/VelmoraSDK.h"
 #include "support/log_capture.h"
 #include "support/test_line.h"
 
@@ -18,7 +19,7 @@ TEST(DongleSearch, FindsTheDongleByItsPortsNumber) {
     const test::LogCapture log;
     {
         const dongle::Runner dongle(dongle::defaultSettings(0), std::move(line.dongleEnd));
-        EXPECT_EQ(findDongle({}), path);
+        EXPECT_EQ(SDK_CheckPort(), path);
         EXPECT_EQ(log.lines().back(), "0 Found TZDongle on " + path + ".");
     }
     EXPECT_EQ(findDongle({kDongleBaud, 20, ""}), "") << "nobody answers any more";

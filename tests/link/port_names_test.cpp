@@ -2,36 +2,34 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace kxorbeta_if {
 namespace {
 
 TEST(PortNames, EveryNameMeansOneDeviceFile) {
     const struct {
-        const char* name;
-        const char* file;
-    } cases[] = {
-        {R"(\\.\COM1)", "/dev/ttyUSB0"},
-        {R"(\\.\COM32)", "/dev/ttyUSB31"},
-        {R"(\\.\COM33)", "/dev/ttyACM0"},
-        {R"(\\.\COM64)", "/dev/ttyACM31"},
-        {R"(\\.\COM65)", "/dev/ttyS0"},
-        {R"(\\.\COM98)", "/dev/ttyS33"},
-        {R"(\\.\\\.\COM8)", "/dev/ttyUSB7"},
-        {"COM8", "/dev/ttyUSB7"},
-        {R"(\\.\COM99)", "/dev/COM99"},
-        {R"(\\.\COM0)", "/dev/COM0"},
-        {R"(\\.\COM08)", "/dev/COM08"},
-        {R"(\\.\COM8x)", "/dev/COM8x"},
-        {R"(\\.\COM)", "/dev/COM"},
-        {R"(\\.\COM99999999999999999999)", "/dev/COM99999999999999999999"},
-        {R"(\\.\/dev/pts/3)", "/dev/pts/3"},
-        {R"(\\.\ttyACM0)", "/dev/ttyACM0"},
-        {R"(\\.\)", "/dev/"},
-        {"", "/dev/"},
-    };
+        std::string name, file;
+    } cases[] = {{"COM1", "ttyUSB0"},
+                 {"COM32", "ttyUSB31"},
+                 {"COM33", "ttyACM0"},
+                 {"COM64", "ttyACM31"},
+                 {"COM65", "ttyS0"},
+                 {"COM98", "ttyS33"},
+                 {"COM99", "COM99"},
+                 {"COM0", "COM0"},
+                 {"COM08", "COM08"},
+                 {"COM8x", "COM8x"},
+                 {"COM", "COM"},
+                 {R"(\\.\COM8)", "ttyUSB7"},
+                 {"ttyACM0", "ttyACM0"},
+                 {"", ""},
+                 {"COM99999999999999999999", "COM99999999999999999999"}};
     for (const auto& c : cases) {
-        EXPECT_EQ(deviceFile(c.name, "/dev"), c.file) << c.name;
+        EXPECT_EQ(deviceFile(c.name, "/dev"), "/dev/" + c.file) << c.name;
+        EXPECT_EQ(deviceFile(R"(\\.\)" + c.name, "/dev"), "/dev/" + c.file) << c.name;
     }
+    EXPECT_EQ(deviceFile(R"(\\.\/dev/pts/3)", "/dev"), "/dev/pts/3");
 }
 
 }  // namespace

@@ -1,8 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <iterator>
+#include <random>
 #include <system_error>
+#include <thread>
 
 #include "core/device_command.h"
+#include "core/reply_handlers.h"
+#include "core/scan.h"
 #include "scenario.h"
 
 namespace kxorbeta_if {
@@ -32,6 +39,17 @@ TEST(GroupCommand, TheTimeoutBecomesABudgetOfReads) {
 class Connection : public test::Scenario {
   protected:
     bool attempt() { return connectGroup(context_, {{kFirst, 1, 0}}, 0); }
+    bool attemptAnsweredBy(const std::vector<std::string>& reads) {
+        std::thread dongle = clock_.thread([&] {
+            clock_.eventually([&] { return requestCount("AT+GRPCONN") > 0; });
+            for (const std::string& read : reads) {
+                deliver(read);
+            }
+        });
+        const bool connected = attempt();
+        clock_.join(dongle);
+        return connected;
+    }
     void expectNotConnected() {
         EXPECT_FALSE(context_.flags.connecting);
         EXPECT_FALSE(context_.flags.groupConnected);
@@ -77,114 +95,193 @@ TEST_F(Connection, IsRefusedWhileThePortIsNotItsOwnAndThenChangesNothing) {
     EXPECT_EQ(context_.registry.snapshot().size(), 1u);
 }
 
-TEST_F(Connection, AHeadsetOutOfRangeOrASilentDongleFails) {
+TEST_F(Connection, AHeadsetOutOfRangeFailsAndASilentDongleCostsTheWholeBudget) {
     settings.headsets[0].connectFails = true;
     start();
     EXPECT_FALSE(attempt());
     expectNotConnected();
-    dongle_->with([](dongle::Engine& e) { e.setSilent(true); });
-    context_.timing.connectionReadsPerSecond = 1;
-    context_.timing.connectionReadTimeoutMs = 2;
+    line_.with([](dongle::Engine& e) { e.setSilent(true); });
+    const auto begin = clock_.now();
     EXPECT_FALSE(attempt());
+    EXPECT_EQ(clock_.now() - begin, 100s);
     expectNotConnected();
     EXPECT_TRUE(received.events().empty());
 }
 
-TEST_F(Connection, WithoutTheEndTextAReportedHeadsetStillCounts) {
-    settings.replies.connectEnd = false;
-    context_.timing.connectionReadsPerSecond = 1;
-    context_.timing.connectionReadTimeoutMs = 5;
-    start();
-    EXPECT_TRUE(attempt());
-    EXPECT_TRUE(context_.flags.linkActive);
-}
-
-TEST_F(Connection, TextsCutAnywhereAreUnderstood) {
-    // The end text in two reads; a report cut inside the address would be taken as it stands, so it is cut before it.
-    settings.replies.connect = false;
-    start();
-    const auto answer = [&](std::vector<std::string> writes) {
-        std::thread dongle([&] {
-            test::eventually([&] { return requestCount("AT+GRPCONN") > 0; });
-            for (const std::string& write : writes) {
-                deliver(write);
-            }
-        });
-        const bool connected = attempt();
-        dongle.join();
-        return connected;
-    };
-    EXPECT_TRUE(
-        answer({"noise \x01\xFF\r\nService conn", "ected. A1B2C3D4E501,1\r\n", "Group conn", "ection finish\r\n"}));
-    EXPECT_EQ(received.events()[0], (EventSeen{2, 1, kFirst}));
-    EXPECT_EQ(context_.registry.snapshot().size(), 1u);
-}
-
-TEST_F(Connection, ReportsThatNameNobodyAreSkipped) {
-    settings.replies.connect = false;
-    context_.timing.connectionReadsPerSecond = 1;
-    start();
-    std::thread dongle([&] {
-        test::eventually([&] { return requestCount("AT+GRPCONN") > 0; });
-        deliver("Service connected.     \nService connected. notanaddress\n");
-        deliver("Service connected. x, and ");
-        deliver("Service connected. A1B2C3D4E501,1 on the same line\n");
-        deliver("Group connection finish\r\n");
-    });
-    EXPECT_FALSE(attempt());
-    dongle.join();
+TEST_F(Connection, ALineThatIsGoneEndsTheAttemptAtOnce) {
+    expectToEndWithTheLine([&] { return attempt(); });
     expectNotConnected();
 }
 
-TEST_F(Connection, AReportIsFoundBehindALineWithoutEnd) {
+TEST_F(Connection, RandomTextCutAnywhereIsReadAsTheWholeTextWouldBe) {
+    // What the reply text is made of, and bytes that are no text. The rule: text grows until it holds a report, and the
+    // attempt ends with the end text, unless that ends the text and something stood before it.
+    const std::string filler(300, 'x');
+    const std::string pieces[] = {
+        "Service connected.",
+        "Service conn",
+        "ected.",
+        " ",
+        "    ",
+        "A1B2C3D4E501,1",
+        "A1B2C3D4E502",
+        ",",
+        "7",
+        "\n",
+        "\r\n",
+        "Group connection finish",
+        "Group conn",
+        "ection finish",
+        "noise",
+        "\x01\xFF",
+        filler,
+        "x\n",
+    };
+    settings.replies.connect = false;
+    std::mt19937 random(11);
+    for (int round = 0; round < 150; ++round) {
+        SCOPED_TRACE(round);
+        std::vector<std::string> reads(1 + random() % 40);
+        for (std::string& read : reads) {
+            for (auto count = 1 + random() % 4; count > 0; --count) {
+                read += pieces[random() % std::size(pieces)];
+            }
+        }
+        std::string text;
+        int total = 0;
+        DeviceRegistry registry;
+        CallbackTable silent;
+        for (const std::string& read : reads) {
+            std::copy_if(read.begin(), read.end(), std::back_inserter(text),
+                         [](unsigned char c) { return c == '\n' || (c >= 0x20 && c < 0x80); });
+            const std::size_t end = text.find("Group connection finish");
+            if (end != std::string::npos && (text.size() == 23 || end + 23 < text.size())) {
+                break;
+            }
+            if (const int count = collectGroupConnections({registry, silent}, text); count > 0) {
+                total += count;
+                text.clear();
+            }
+        }
+        total += collectGroupConnections({registry, silent}, text);
+
+        start();
+        received.forgetEvents();
+        EXPECT_EQ(attemptAnsweredBy(reads), total > 0);
+        const auto events = received.events();
+        EXPECT_EQ(std::count_if(events.begin(), events.end(), [](const EventSeen& e) { return e.code == 2; }), total);
+        disconnectAll(context_);
+    }
+}
+
+TEST_F(Connection, ALineWithoutEndCostsNoMoreThanAnother) {
     settings.replies.connect = false;
     start();
-    std::thread dongle([&] {
-        test::eventually([&] { return requestCount("AT+GRPCONN") > 0; });
-        for (int i = 0; i < 20; ++i) {
-            deliver(std::string(2000, 'S'));
-        }
-        deliver("Service connec");
-        deliver("ted.");
-        deliver(std::string(500, ' '));
-        deliver("    A1B2C3D4E501,7 ");
-        deliver("Group connection fini");
-        deliver("sh");
-        deliver("\r\n");
-    });
-    EXPECT_TRUE(attempt());
-    dongle.join();
+    std::vector<std::string> reads(2000, std::string(2000, 'S'));
+    for (const char* piece : {"Service connec", "ted.", "    A1B2C3D4E501,7 ", "Group connection fini", "sh", "\r\n"}) {
+        reads.emplace_back(piece);
+    }
+    EXPECT_TRUE(attemptAnsweredBy(reads));
     EXPECT_EQ(received.events()[0], (EventSeen{2, 7, kFirst}));
     EXPECT_EQ(received.events().size(), 2u);
 }
 
+/// What a callback does that holds the link thread up.
+struct HeldUp {
+    static inline test::VirtualClock* clock;
+    static inline std::atomic<bool> inside, leave;
+
+    explicit HeldUp(test::VirtualClock& own) {
+        clock = &own;
+        inside = leave = false;
+    }
+    static void hold() {
+        inside = true;
+        clock->eventually([] { return leave.load(); });
+    }
+};
+
 TEST_F(Connection, IsRefusedWhileTheLastLinkThreadIsHeldUpByACallback) {
     settings.headsets[0].sampleRate = 2000;
-    context_.timing.linkEndWait = 20ms;
     start();
     ASSERT_TRUE(attempt());
-    static std::atomic<bool> inside{false};
-    static std::atomic<bool> leave{false};
-    inside = leave = false;
-    context_.callbacks.rawData = [](void*, int, int, int*, int) {
-        inside = true;
-        test::eventually([] { return leave.load(); });
-    };
+    const HeldUp heldUp(clock_);
+    context_.callbacks.rawData = [](void*, int, int, int*, int) { HeldUp::hold(); };
     context_.flags.recording = true;
-    ASSERT_TRUE(test::eventually([] { return inside.load(); }));
+    ASSERT_TRUE(clock_.eventually([] { return HeldUp::inside.load(); }));
     disconnectAll(context_);
     EXPECT_FALSE(linkEnded());
     EXPECT_FALSE(attempt()) << "two link threads must never share a port";
+    EXPECT_FALSE(context_.flags.connecting);
     EXPECT_EQ(requestCount("AT+GRPCONN"), 1u);
-    leave = true;
-    ASSERT_TRUE(test::eventually([&] { return linkEnded(); }));
+    HeldUp::leave = true;
+    ASSERT_TRUE(clock_.eventually([&] { return linkEnded(); }));
     EXPECT_TRUE(attempt());
+}
+
+TEST_F(Connection, WaitingForTheLastLinkThreadItHasThePortAlready) {
+    start();
+    ASSERT_TRUE(attempt());
+    const HeldUp heldUp(clock_);
+    context_.callbacks.event = [](void*, unsigned code, unsigned, void*) {
+        if (code == 5) {
+            HeldUp::hold();
+        }
+    };
+    disconnectAll(context_);  // gives up waiting for the thread
+    ASSERT_TRUE(HeldUp::inside);
+    std::thread second = clock_.thread([&] { EXPECT_TRUE(attempt()); });
+    clock_.sleepFor(500ms);
+    EXPECT_FALSE(scan(context_)) << "a scan in the middle of a connection that has begun";
+    EXPECT_FALSE(attempt());
+    HeldUp::leave = true;
+    clock_.join(second);
+    EXPECT_EQ(requestCount("AT+SCAN"), 0u);
+    EXPECT_EQ(requestCount("AT+GRPCONN"), 2u);
+
+    // A port that goes meanwhile ends the attempt before it has cost anything.
+    HeldUp::leave = false;
+    disconnectAll(context_);
+    const auto begin = clock_.now();
+    std::thread third = clock_.thread([&] { EXPECT_FALSE(attempt()); });
+    clock_.sleepFor(500ms);
+    context_.port.close();
+    HeldUp::leave = true;
+    clock_.join(third);
+    EXPECT_LT(clock_.now() - begin, 1s);
+    EXPECT_EQ(requestCount("AT+GRPCONN"), 2u);
+}
+
+TEST_F(Connection, OfAScanAndAConnectionAtTheSameMomentOneIsRefused) {
+    settings.replies.scanDuration = 20ms;
+    for (int round = 0; round < 300; ++round) {
+        start();
+        std::atomic<int> ready{0};
+        const auto together = [&] {
+            ++ready;
+            while (ready < 2) {
+            }
+        };
+        bool scanned = false;
+        std::thread scanner = clock_.thread([&] {
+            together();
+            scanned = scan(context_);
+        });
+        together();
+        const bool connected = attempt();
+        clock_.join(scanner);
+        // Whichever came second was refused, or found the line free again.
+        const auto all = requests();
+        if (!scanned || !connected) {
+            ASSERT_EQ(all.size(), 1u) << round;
+        }
+        ASSERT_TRUE(scanned || connected);
+        disconnectAll(context_);
+    }
 }
 
 TEST_F(Connection, ACommandTheDongleCannotTakeIsNotSent) {
     start();
-    context_.timing.connectionReadsPerSecond = 1;
-    context_.timing.connectionReadTimeoutMs = 2;
     const std::vector<ble_device> fits(38, {std::string(12, 'A'), 0, 0});  // 12 + 38 * 13 - 1 = 505 characters
     std::vector<ble_device> tooMany = fits;
     tooMany.emplace_back(std::string(12, 'B'), 0, 0);
@@ -216,7 +313,6 @@ TEST_F(Disconnection, AllWithoutAGroupOnlyEndsCollection) {
 
 TEST_F(Disconnection, AllSaysSoFirstLetsCommandsOutAndLeavesNoThread) {
     settings.headsets[0].sampleRate = 0;
-    context_.timing.linkReadTimeoutMs = 2;
     start();
     connect();
     for (std::uint8_t command = 1; command <= 3; ++command) {
@@ -235,28 +331,30 @@ TEST_F(Disconnection, AllSaysSoFirstLetsCommandsOutAndLeavesNoThread) {
     EXPECT_LT(position("0 Cmd: 41542B43544C313AAACC03000000"
                        "03F9"),
               position("0 Devices disconnect"));
-    ASSERT_TRUE(test::eventually([&] { return requests().size() == 5; }));
+    ASSERT_TRUE(clock_.eventually([&] { return requests().size() == 5; }));
     EXPECT_EQ(requests()[1], "AT+DISCONN");
 }
 
-TEST_F(Disconnection, AQueueThatDoesNotDrainIsGivenUp) {
+TEST_F(Disconnection, AQueueThatDoesNotDrainIsGivenUpAfterTenSeconds) {
     start();
     connect();
-    context_.timing.drainPolls = 3;
-    dongle_.reset();  // the port is gone, passes take their time, and 31 of them are needed
-    for (int i = 0; i < 3; ++i) {
-        sendCommand(context_.flags, context_.commandQueue, 1, 1);
-    }
+    const HeldUp heldUp(clock_);
+    context_.callbacks.rawData = [](void*, int, int, int*, int) { HeldUp::hold(); };
+    context_.flags.recording = true;
+    ASSERT_TRUE(clock_.eventually([] { return HeldUp::inside.load(); }));
+    sendCommand(context_.flags, context_.commandQueue, 1, 1);
+    const auto begin = clock_.now();
     disconnectAll(context_);
-    EXPECT_GT(context_.commandQueue.size(), 0u);
+    EXPECT_EQ(clock_.now() - begin, 11s) << "100 polls of 100 ms, and a second for the thread";
+    EXPECT_EQ(context_.commandQueue.size(), 1u);
     EXPECT_TRUE(log.has("0 Devices disconnect"));
-    EXPECT_TRUE(linkEnded());
+    HeldUp::leave = true;
+    EXPECT_TRUE(clock_.eventually([&] { return linkEnded(); }));
 }
 
 TEST_F(Disconnection, OneHeadsetIsDroppedThroughTheQueue) {
     const ble_device device("A1:B2:C3:D4:E5:01", 0, 0);
     EXPECT_FALSE(disconnectDevice(context_, device)) << "closed port";
-    context_.timing.linkReadTimeoutMs = 2;
     start();
     EXPECT_FALSE(disconnectDevice(context_, device)) << "no link";
     connect();
@@ -265,7 +363,7 @@ TEST_F(Disconnection, OneHeadsetIsDroppedThroughTheQueue) {
     context_.flags.connecting = false;
     EXPECT_EQ(context_.commandQueue.size(), 0u);
     EXPECT_TRUE(disconnectDevice(context_, device));
-    ASSERT_TRUE(test::eventually([&] { return received.hasEvent(1); }));
+    ASSERT_TRUE(clock_.eventually([&] { return received.hasEvent(1); }));
     EXPECT_EQ(requests().back(), "AT+DISDEV=A1B2C3D4E501");
     EXPECT_EQ(received.events().back(), (EventSeen{1, 0, kFirst}));
     EXPECT_EQ(context_.registry.snapshot()[0].state(), 0);
@@ -274,25 +372,6 @@ TEST_F(Disconnection, OneHeadsetIsDroppedThroughTheQueue) {
                 "00"))
         << "text and one zero byte";
     EXPECT_TRUE(context_.flags.linkActive);
-}
-
-TEST_F(Disconnection, TwoHundredConnectionsOneAfterTheOther) {
-    settings.replies.connectDuration = 1ms;
-    settings.line.textGap = 11ms;
-    start();
-    for (int i = 0; i < 200; ++i) {
-        ASSERT_TRUE(connectGroup(context_, {{kFirst, 1, 0}}, 0)) << i;
-        context_.flags.recording = true;
-        disconnectAll(context_);
-        ASSERT_TRUE(linkEnded()) << i;
-    }
-    const auto events = received.events();
-    ASSERT_EQ(events.size(), 600u);
-    for (std::size_t i = 0; i < events.size(); i += 3) {
-        ASSERT_EQ(events[i].code, 2u) << i;
-        ASSERT_EQ(events[i + 1].code, 4u) << i;
-        ASSERT_EQ(events[i + 2].code, 5u) << i;
-    }
 }
 
 }  // namespace

@@ -1,12 +1,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstdint>
+#include <new>
 
 #include "core/device_command.h"
 #include "core/orbeta_if.h"
-#include "dongle/headset_frames.h"
 #include "scenario.h"
+#include "support/stream_builder.h"
 
 namespace kxorbeta_if {
 namespace {
@@ -14,24 +17,22 @@ namespace {
 using namespace std::chrono_literals;
 using test::EventSeen;
 
-constexpr const char* kFirst = "A1B2C3D4E501";
 constexpr const char* kSecond = "A1B2C3D4E502";
 
-std::string asString(const dongle::Bytes& bytes) {
+std::string asString(const test::Bytes& bytes) {
     return {bytes.begin(), bytes.end()};
 }
 
 /// A raw frame of channel 0 whose samples are all `value`, in the dongle's envelope.
-std::string envelope(int device, std::uint8_t counter, std::int16_t value) {
-    const std::vector<std::int16_t> samples(dongle::kSamplesPerFrame, value);
-    return asString(dongle::dataEnvelope(device, dongle::singleChannelFrame(0, samples, counter)));
+std::string envelope(int device, int counter, int value) {
+    const std::vector<int> samples(test::kSlots, value);
+    return asString(test::envelope(device, test::rawFrame(test::singleChannel(0), samples, counter)));
 }
 
 /// A link thread on a line that carries only what a test delivers.
 class LinkThreadTest : public test::Scenario {
   protected:
     LinkThreadTest() {
-        settings.line.textGap = 80ms;  // what is delivered apart must be read apart, on a busy machine too
         for (dongle::HeadsetSettings& headset : settings.headsets) {
             headset.sampleRate = 0;
             headset.batteryInterval = 0ms;
@@ -56,42 +57,44 @@ class LinkThreadTest : public test::Scenario {
     }
 
     bool receives(const std::vector<int>& expected) {
-        return test::eventually([&] { return values() == expected; }, 5s);
+        return clock_.eventually([&] { return values() == expected; });
     }
 
     /// Lets what was delivered before be read: a marker frame behind it has arrived.
     void settle() {
         const std::size_t before = received.batteryCount();
-        deliver(asString(dongle::dataEnvelope(9, dongle::batteryFrame(1, 1))));
-        ASSERT_TRUE(test::eventually([&] { return received.batteryCount() > before; }));
+        deliver(asString(test::envelope(9, test::batteryFrame(1, 1))));
+        ASSERT_TRUE(clock_.eventually([&] { return received.batteryCount() > before; }));
     }
 };
 
 TEST_F(LinkThreadTest, CommandsLeaveOneByOneWithThirtyPassesBetween) {
-    context_.timing.linkReadTimeoutMs = 5;
     connectAndRecord();
-    const auto start = std::chrono::steady_clock::now();
+    const auto begin = clock_.now();
     const Bytes longest(511, 'x');
     const Bytes tooLong(512, 'y');
     context_.commandQueue.push(tooLong);
     context_.commandQueue.push(longest);
     context_.commandQueue.push(std::vector<std::uint8_t>{'z'});
-    ASSERT_TRUE(test::eventually([&] { return log.has("0 Cmd: 7A"); }));
-    // Two waits of more than 30 quiet passes lie between the three: the one that is dropped takes its turn as well.
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 2 * 31 * 5ms);
+    ASSERT_TRUE(clock_.eventually([&] { return log.has("0 Cmd: 7A"); }));
+    // Two waits of 31 quiet passes lie between the three, and at most one before them: the command that is dropped
+    // takes its turn as well.
+    EXPECT_GE(clock_.now() - begin, 2 * 31 * 20ms);
+    EXPECT_LE(clock_.now() - begin, 3 * 31 * 20ms);
     std::string expected = "0 Cmd: ";
     for (int i = 0; i < 511; ++i) {
         expected += "78";
     }
     EXPECT_EQ(log.lines(), (std::vector<std::string>{expected, "0 Cmd: 7A"}));
-    EXPECT_TRUE(test::eventually([&] { return dongle_->counters().bytesRead >= 25 + 512; }));
+    EXPECT_EQ(line_.hostWrites().back(), "z");
+    EXPECT_EQ(line_.hostWrites().end()[-2], std::string(511, 'x'));
 }
 
 TEST_F(LinkThreadTest, ReportsReachTheirHandlersInOrder) {
     connectAndRecord();
     deliver("\x01\x02Service connected. A1B2C3D4E502,2\r\nAT+LIST=5,A1B2C3D4E501\r\n");
     // The parser has its turn last; it finds no frame in text.
-    ASSERT_TRUE(test::eventually([&] { return log.has("-1 Parse data error, 9 left."); }));
+    ASSERT_TRUE(clock_.eventually([&] { return log.has("-1 Parse data error, 9 left."); }));
     EXPECT_EQ(log.take(),
               (std::vector<std::string>{"0 Update device A1B2C3D4E501, index=5", "0 A1B2C3D4E502(2) connected.",
                                         "0 Add device A1B2C3D4E502, index=2", "-1 Parse data error, 9 left."}));
@@ -99,7 +102,7 @@ TEST_F(LinkThreadTest, ReportsReachTheirHandlersInOrder) {
     EXPECT_EQ(received.events().back(), (EventSeen{2, 2, kSecond}));
 
     deliver("Client disconnected,A1B2C3D4E502,19\r\n");
-    ASSERT_TRUE(test::eventually([&] { return received.hasEvent(1); }));
+    ASSERT_TRUE(clock_.eventually([&] { return received.hasEvent(1); }));
     EXPECT_EQ(received.events().back(), (EventSeen{1, 0, kSecond}));
 
     // A text that ends with the pattern is not a report yet; neither is one that names nobody.
@@ -109,48 +112,40 @@ TEST_F(LinkThreadTest, ReportsReachTheirHandlersInOrder) {
     EXPECT_EQ(received.events().size(), 4u);
 }
 
-TEST_F(LinkThreadTest, ReportsInFrontOfDataCostNoData) {
+TEST_F(LinkThreadTest, AThreadBeginsAfreshWhateverTheLastOneLeft) {
+    dongle::Bytes half = dongle::singleChannelFrame(0, {}, 0);
+    half.resize(100);
+    const std::string leftover = asString(dongle::dataEnvelope(9, half));
     connectAndRecord();
-    deliver("Service connected. A1B2C3D4E502,2\r\n" + envelope(1, 0, 11));
-    EXPECT_TRUE(receives({11}));
-    EXPECT_TRUE(received.hasEvent(2));
+    deliver(leftover + envelope(1, 10, 11));
+    ASSERT_TRUE(receives({11}));
+    disconnectAll(context_);
+    connectAndRecord();
+    received.forgetData();
+    settle();  // half a frame in front of this one would swallow it
+    deliver(leftover + envelope(1, 12, 22));
+    EXPECT_TRUE(receives({22})) << "nothing was lost in between";
+    disconnectAll(context_);
+    EXPECT_FALSE(context_.receiveTables.deviceStreams[9].empty());
+    context_.receiveTables.reset();
+    EXPECT_TRUE(context_.receiveTables.deviceStreams[9].empty()) << "no thread owns the queues any more";
 }
 
-TEST_F(LinkThreadTest, AFrameInTwoReadsIsWholeAndInThreeItIsNot) {
+TEST_F(LinkThreadTest, APassThatFailsCostsItsBlockAndNoMore) {
     connectAndRecord();
+    static std::atomic<bool> thrown;
+    thrown = false;
+    context_.callbacks.rawData = [](void*, int, int, int*, int) {
+        thrown = true;
+        throw std::bad_alloc();
+    };
     const std::string frame = envelope(1, 0, 11);
-    for (const std::size_t cut : {1u, 6u, 8u, 9u, 13u, 14u, 100u, 241u}) {
-        SCOPED_TRACE(cut);
-        received.forgetData();
-        context_.receiveTables.reset();
-        deliver(frame.substr(0, cut));
-        deliver(frame.substr(cut));
-        EXPECT_TRUE(receives({11}));
-    }
-    // The second piece is read with history in front, so what it leaves is not passed on: the third finds no start.
-    received.forgetData();
-    context_.receiveTables.reset();
-    deliver(frame.substr(0, 50));
-    deliver(frame.substr(50, 50));
-    deliver(frame.substr(100) + envelope(1, 1, 22));
-    EXPECT_TRUE(receives({22}));
-    EXPECT_TRUE(log.has("-1 Parse sync word lost " + std::to_string(frame.size() - 100) + "."));
-}
-
-TEST_F(LinkThreadTest, AHistoryTheLeadInCannotHoldIsDropped) {
-    connectAndRecord();
-    const std::string payload(600, '\0');
-    const std::string big = "AT+DAT1:600#" + payload;
-    deliver(big.substr(0, 511));
-    deliver(big.substr(511) + envelope(1, 0, 11));
-    EXPECT_TRUE(receives({11}));
-    EXPECT_FALSE(log.has("-1 History data full"));
-    received.forgetData();
-    context_.receiveTables.reset();
-    deliver(big.substr(0, 512));
-    deliver(big.substr(512) + envelope(1, 0, 22));
-    EXPECT_TRUE(receives({22}));
-    EXPECT_TRUE(log.has("-1 History data full"));
+    deliver(frame.substr(0, 100));
+    deliver(frame.substr(100));
+    ASSERT_TRUE(clock_.eventually([] { return thrown.load(); }));
+    received.install(context_.callbacks);
+    deliver(envelope(1, 1, 22));
+    EXPECT_TRUE(receives({22})) << "the history of the failed pass is gone with it";
 }
 
 TEST_F(LinkThreadTest, ARestartEndsTheThreadWithoutACallback) {
@@ -162,7 +157,7 @@ TEST_F(LinkThreadTest, ARestartEndsTheThreadWithoutACallback) {
     settle();
     EXPECT_FALSE(linkEnded());
     deliver("Bootup");
-    ASSERT_TRUE(test::eventually([&] { return linkEnded(); }));
+    ASSERT_TRUE(clock_.eventually([&] { return linkEnded(); }));
     EXPECT_TRUE(context_.flags.linkActive) << "the thread ends on its own; the flag is the host's";
     EXPECT_FALSE(context_.flags.linkStarted);
     EXPECT_EQ(log.lines().back(), "0 Main thread stop");
@@ -173,8 +168,8 @@ TEST_F(LinkThreadTest, ARestartEndsTheThreadWithoutACallback) {
 TEST_F(LinkThreadTest, AThreadThatIsNotWantedAnyMoreStopsBeforeItsFirstPass) {
     start();
     context_.flags.linkActive = false;
-    context_.linkThreads.starting();
-    runLinkThread(context_);
+    startLinkThread(context_);
+    ASSERT_TRUE(clock_.eventually([&] { return linkEnded(); }));
     EXPECT_EQ(received.events(), (std::vector<EventSeen>{{4, 0, ""}, {5, 0, ""}}));
     EXPECT_EQ(log.lines(), (std::vector<std::string>{"0 Main thread start", "0 Main thread stop"}));
     EXPECT_FALSE(context_.flags.linkStarted);
@@ -197,12 +192,25 @@ TEST_F(LinkThreadTest, TrafficIsDumpedOnlyWhenAskedFor) {
 }
 
 TEST_F(LinkThreadTest, APortThatIsClosedUnderTheThreadStopsNothing) {
-    context_.timing.linkReadTimeoutMs = 5;
-    connectAndRecord();
-    context_.port.close();
-    std::this_thread::sleep_for(50ms);
-    EXPECT_TRUE(context_.flags.linkStarted);
-    EXPECT_FALSE(linkEnded());
+    for (const bool hangUp : {false, true}) {
+        connectAndRecord();
+        if (hangUp) {
+            line_.with([](dongle::Engine& e) { e.hangUp(); });
+        } else {
+            context_.port.close();
+        }
+        // Failing reads return at once, yet a pass keeps its 20 ms, and commands their 31 passes.
+        const auto begin = clock_.now();
+        context_.commandQueue.push(std::vector<std::uint8_t>{'a'});
+        context_.commandQueue.push(std::vector<std::uint8_t>{'b'});
+        ASSERT_TRUE(clock_.eventually([&] { return log.has("0 Cmd: 62"); }));
+        EXPECT_GE(clock_.now() - begin, 31 * 20ms);
+        EXPECT_LE(clock_.now() - begin, 2 * 31 * 20ms + 20ms);
+        EXPECT_TRUE(context_.flags.linkStarted);
+        EXPECT_FALSE(linkEnded());
+        disconnectAll(context_);
+        EXPECT_TRUE(linkEnded());
+    }
 }
 
 }  // namespace

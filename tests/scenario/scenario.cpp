@@ -6,10 +6,6 @@ namespace test {
 
 using namespace std::chrono_literals;
 
-bool RawPacket::allZero() const {
-    return std::all_of(samples.begin(), samples.end(), [](int sample) { return sample == 0; });
-}
-
 void Received::install(kxorbeta_if::CallbackTable& table) {
     table.context = this;
     table.event = [](void* self, unsigned code, unsigned value, void* detail) {
@@ -27,11 +23,6 @@ void Received::install(kxorbeta_if::CallbackTable& table) {
         ++static_cast<Received*>(self)->postCount_;
     };
     table.battInfo = [](void* self, int, unsigned, unsigned) { ++static_cast<Received*>(self)->batteryCount_; };
-    table.response = [](void* self, int, unsigned char, unsigned char* frame, int length) {
-        auto& here = *static_cast<Received*>(self);
-        const std::lock_guard guard(here.mutex_);
-        here.responses_.emplace_back(frame, frame + length);
-    };
 }
 
 std::vector<EventSeen> Received::events() const {
@@ -42,11 +33,6 @@ std::vector<EventSeen> Received::events() const {
 std::vector<RawPacket> Received::rawPackets() const {
     const std::lock_guard guard(mutex_);
     return raw_;
-}
-
-std::vector<std::vector<std::uint8_t>> Received::responses() const {
-    const std::lock_guard guard(mutex_);
-    return responses_;
 }
 
 bool Received::hasEvent(unsigned code) const {
@@ -60,12 +46,15 @@ void Received::forgetData() {
     rawCount_ = 0;
 }
 
+void Received::forgetEvents() {
+    const std::lock_guard guard(mutex_);
+    events_.clear();
+}
+
 Scenario::Scenario() : settings(dongle::defaultSettings(2)), log(0) {
     settings.replies.connectDuration = 20ms;
     settings.replies.streamDelay = 20ms;
     settings.replies.responseDelay = 5ms;
-    context_.timing.connectionReadsPerSecond = 2;  // 200 reads of 20 ms instead of 5,000
-    context_.timing.drainPoll = 10ms;
     received.install(context_.callbacks);
 }
 
@@ -75,28 +64,45 @@ Scenario::~Scenario() {
 }
 
 void Scenario::start() {
-    TestLine line = plugLine();
-    const std::string path = portPath(line);
-    dongle_ = std::make_unique<dongle::Runner>(settings, std::move(line.dongleEnd));
-    ASSERT_EQ(context_.port.open(path.c_str(), kxorbeta_if::kDongleBaud, 3, 0, 0), kxorbeta_if::SerialPort::kOpened);
+    line_.plug(settings);
 }
 
 void Scenario::connect() {
     ASSERT_TRUE(kxorbeta_if::connectGroup(context_, {{settings.headsets.front().address, 1, 0}}, 0));
-    ASSERT_TRUE(eventually([&] { return context_.flags.linkStarted.load(); }));
+    ASSERT_TRUE(clock_.eventually([&] { return context_.flags.linkStarted.load(); }));
 }
 
 void Scenario::deliver(const std::string& bytes) {
-    dongle_->with([&](dongle::Engine& engine) { engine.sendRaw(bytes); });
+    line_.with([&](dongle::Engine& engine) { engine.sendRaw(bytes); });
+}
+
+void Scenario::expectToEndWithTheLine(const std::function<bool()>& attempt) {
+    settings.replies.scanDuration = settings.replies.connectDuration = 60s;
+    for (const bool hangUp : {true, false}) {
+        start();
+        const auto begin = clock_.now();
+        std::thread other = clock_.thread([&] {
+            clock_.sleepFor(3s);
+            if (hangUp) {
+                line_.with([](dongle::Engine& e) { e.hangUp(); });
+            } else {
+                context_.port.close();
+            }
+        });
+        EXPECT_FALSE(attempt());
+        EXPECT_LT(clock_.now() - begin, 3100ms);
+        clock_.join(other);
+        EXPECT_FALSE(context_.flags.scanning || context_.flags.connecting);
+    }
 }
 
 dongle::HeadsetCounters Scenario::sent(int index) {
-    return dongle_->with([&](dongle::Engine& engine) { return engine.headsetCounters(index); });
+    return line_.with([&](dongle::Engine& engine) { return engine.headsetCounters(index); });
 }
 
 std::vector<std::string> Scenario::requests() {
     std::vector<std::string> lines;
-    const auto all = dongle_->with([](dongle::Engine& engine) { return engine.log().since(0); });
+    const auto all = line_.with([](dongle::Engine& engine) { return engine.log().since(0); });
     for (const dongle::HostRequest& request : all) {
         lines.push_back(describe(request));
     }
@@ -104,7 +110,7 @@ std::vector<std::string> Scenario::requests() {
 }
 
 std::size_t Scenario::requestCount(const std::string& beginning) {
-    return dongle_->with([&](dongle::Engine& engine) { return engine.log().countTexts(beginning); });
+    return line_.with([&](dongle::Engine& engine) { return engine.log().countTexts(beginning); });
 }
 
 }  // namespace test

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdint>
-#include <deque>
-#include <memory>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -13,11 +11,9 @@
 #include "core/context.h"
 #include "core/disconnection.h"
 #include "core/group_connection.h"
-#include "dongle/dongle_runner.h"
-#include "link/dongle_search.h"
-#include "support/eventually.h"
 #include "support/log_capture.h"
-#include "support/test_line.h"
+#include "support/virtual_clock.h"
+#include "support/virtual_line.h"
 
 namespace test {
 
@@ -32,7 +28,6 @@ struct RawPacket {
     int device;
     int channel;
     std::vector<int> samples;
-    bool allZero() const;
 };
 
 /// What the callbacks were called with, in order. Any thread.
@@ -45,21 +40,20 @@ class Received {
     std::size_t rawCount() const { return rawCount_; }
     std::size_t postCount() const { return postCount_; }
     std::size_t batteryCount() const { return batteryCount_; }
-    std::vector<std::vector<std::uint8_t>> responses() const;
     bool hasEvent(unsigned code) const;
     void forgetData();
+    void forgetEvents();
 
   private:
     mutable std::mutex mutex_;
     std::vector<EventSeen> events_;
     std::vector<RawPacket> raw_;
-    std::vector<std::vector<std::uint8_t>> responses_;
     std::atomic<std::size_t> rawCount_{0};
     std::atomic<std::size_t> postCount_{0};
     std::atomic<std::size_t> batteryCount_{0};
 };
 
-/// A dongle on a line, and a context of the library that has its end of the line open.
+/// A dongle on a line, and a context of the library that has its end of the line open; all on virtual time.
 class Scenario : public testing::Test {
   protected:
     Scenario();
@@ -71,6 +65,9 @@ class Scenario : public testing::Test {
     void connect();
     /// Lets the link thread read `bytes` in one read.
     void deliver(const std::string& bytes);
+    /// Makes the attempt on a dongle that would answer only after a minute. In its third second the line hangs up, or
+    /// the port is closed, which must end it.
+    void expectToEndWithTheLine(const std::function<bool()>& attempt);
     bool linkEnded() { return !context_.linkThreads.living(); }
     dongle::HeadsetCounters sent(int index);
     /// The host's requests so far, one line of text each.
@@ -80,8 +77,9 @@ class Scenario : public testing::Test {
     dongle::Settings settings;
     LogCapture log;
     Received received;
-    kxorbeta_if::Context context_;
-    std::unique_ptr<dongle::Runner> dongle_;
+    VirtualClock clock_;
+    VirtualLine line_{clock_};
+    kxorbeta_if::Context context_{line_, clock_};
 };
 
 }  // namespace test

@@ -3,6 +3,7 @@
 if(LIBRARY MATCHES "\\.dll$")
     execute_process(COMMAND ${OBJDUMP} -p ${LIBRARY} OUTPUT_VARIABLE table COMMAND_ERROR_IS_FATAL ANY)
     string(REGEX REPLACE "^.*\\[Ordinal/Name Pointer\\] Table\n" "" table "${table}")
+    string(REGEX REPLACE "\n[ \t]*\n.*$" "" table "${table}")  # what follows has numbers in brackets too
     string(REGEX MATCHALL "\n?[ \t]*\\[ *[0-9]+\\] [^\n]+" rows "${table}")
     list(TRANSFORM rows REPLACE "\n?[ \t]*\\[ *[0-9]+\\] " "")
 else()

@@ -126,7 +126,7 @@ void restart(const std::string& path) {
     CHECK(test::eventually([&] { return streaming.dongle->with([](auto& e) { return !e.connected(1); }); }));
     long seen = packets;
     CHECK(test::eventually([&] {
-        std::this_thread::sleep_for(100ms);
+        std::this_thread::sleep_for(500ms);
         return std::exchange(seen, packets.load()) == packets;
     }));
     CHECK(streaming.sdk.call("SDK_StopDataCollection") == 1);

@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <fstream>
+#include <loguru/loguru.hpp>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
+#include "support/log_capture.h"
 #include "support/working_folder.h"
 
 namespace kxorbeta_if {
@@ -53,6 +56,34 @@ TEST(LogSetUp, EveryLevelMeansWhatItSays) {
     }
 }
 
+TEST(LogSetUp, NothingGoesToTheConsole) {
+    const test::WorkingFolder folder;
+    Flags flags;
+    loguru::g_stderr_verbosity = loguru::Verbosity_INFO;
+    testing::internal::CaptureStderr();
+    setUpLogging(1, flags, "1");
+    KX_LOG(-2, "an error");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    logCloseFile(kLogFile);
+}
+
+TEST(LogSetUpDeathTest, AShutdownClosesTheFileAndDropsWhatComesLater) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const test::WorkingFolder folder;
+    EXPECT_EXIT(
+        {
+            Flags flags;
+            setUpLogging(1, flags, "1");
+            const bool wasOpen = logCutoff >= verbosity::kInfo;
+            logShutdown(kLogFile);
+            const bool closed = logCutoff < verbosity::kWarning;
+            const test::LogCapture later(0);
+            KX_LOG(verbosity::kWarning, "too late");
+            std::exit(wasOpen && closed && later.lines().empty() ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 int evaluated = 0;
 int evaluate() {
     return ++evaluated;
@@ -71,7 +102,7 @@ TEST(LogSetUp, RecordsCarryTheirSourceAndAreMadeOnlyWhenWanted) {
     const std::string longText(100000, 'x');
     KX_LOG(0, "%s<end>", longText.c_str());
     const std::string text = folder.read(kLogFile);
-    EXPECT_NE(text.find("orbeta_if:" + std::to_string(line) + " "), std::string::npos) << text.substr(0, 2000);
+    EXPECT_NE(text.find(" orbeta_if:" + std::to_string(line) + " "), std::string::npos) << text.substr(0, 2000);
     EXPECT_NE(text.find("WARN| wanted 1"), std::string::npos);
     EXPECT_NE(text.find(longText + "<end>"), std::string::npos);
     logCloseFile(kLogFile);

@@ -4,7 +4,7 @@
 #include <loguru/loguru.hpp>
 #include <utility>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace test {
 

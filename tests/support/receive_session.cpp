@@ -50,45 +50,27 @@ std::string responseCall(int device, const Bytes& frame) {
 }
 
 Bytes Packet::bytes() const {
-    return rawFrame(multi ? multiChannel(channel) : singleChannel(channel), samples(seed), counter);
+    return rawFrame(channels > 0 ? multiChannel(channels) : singleChannel(channel), samples(seed), counter);
 }
 
-std::string Packet::lines(bool direct, bool merged, int expected, int loss) const {
-    std::string text;
-    if (loss >= 0) {
-        const std::string dev = direct ? " " : " dev:" + std::to_string(device), num = std::to_string(loss);
-        const std::string chan = std::to_string(channel), counts = std::to_string(counter) + " , ";
-        text = multi    ? "-1 [D]Lost data chan" + dev + (direct ? "" : "  num: ") + num + " \n"
-               : direct ? "-1 [B]Lost data chan " + chan + " , " + num + " \n"
-                        : "-1 [B]Lost data chan" + dev + " chan:" + chan + " , num: " + num + " packet_cnt: " + counts +
-                              std::to_string(expected) + "\n";
+std::string Packet::calls(bool merged) const {
+    const std::vector<int> slots = samples(seed);
+    if (channels == 0) {
+        return rawCall(device, channel, slots);
     }
-    const auto slots = samples(seed);
-    const int channels = multi ? channel : 1, per = kSlots / channels;
-    const auto add = [&](int number, int count, int first, int step) {
-        std::vector<int> own(static_cast<std::size_t>(count));
-        for (int i = 0; first >= 0 && i < count; ++i) {
-            own[static_cast<std::size_t>(i)] = slots[static_cast<std::size_t>(first + i * step)];
-        }
-        text += rawCall(device, number, own);
-    };
-    // The two decoders take the merged layout in opposite senses for what they make up.
-    const auto packet = [&](bool interleaved, bool real) {
-        if (!multi) {
-            add(channel, kSlots, real ? 0 : -1, 1);
-        } else if (interleaved) {
-            add(-channels, real ? per * channels : kSlots * channels, real ? 0 : -1, 1);
-        } else {
-            for (int c = 0; c < channels; ++c) {
-                add(c, per, real ? c : -1, channels);
-            }
-        }
-    };
-    for (int i = 0; loss <= 2 && i < loss; ++i) {
-        packet(merged == direct, false);
+    const int used = kSlots / channels * channels;  // every channel has as many samples
+    if (merged) {
+        return rawCall(device, -channels, {slots.begin(), slots.begin() + used});
     }
-    packet(merged, true);
-    return text;
+    std::string calls;
+    for (int first = 0; first < channels; ++first) {
+        std::vector<int> own;
+        for (int slot = first; slot < used; slot += channels) {
+            own.push_back(slots[static_cast<std::size_t>(slot)]);
+        }
+        calls += rawCall(device, first, own);
+    }
+    return calls;
 }
 
 bool isHeld(const kxorbeta_if::SpinLock& lock) {
@@ -159,6 +141,11 @@ std::size_t ReceiveSession::decode(bool direct, const Bytes& bytes, int device) 
     const ExactBlock block(bytes);
     return direct ? kxorbeta_if::decodeDirectFrames(decoder, block.span())
                   : kxorbeta_if::decodeDeviceFrames(decoder, device, block.span());
+}
+
+std::string ReceiveSession::read(std::span<const std::uint8_t> bytes) {
+    feed(buffer, framer, bytes);
+    return take();
 }
 
 std::string ReceiveSession::parse(const Bytes& block) {

@@ -7,6 +7,7 @@
 #include "core/frame_decoder.h"
 #include "core/stream_framer.h"
 #include "support/exact_block.h"
+#include "support/feed.h"
 #include "support/log_capture.h"
 #include "support/stream_builder.h"
 
@@ -18,15 +19,17 @@ std::string batteryCall(int device, unsigned level, unsigned value);
 std::string postCall(const Post& post);
 std::string responseCall(int device, const Bytes& frame);
 
+/// A raw frame of one channel, or of several when `channels` is not 0.
 struct Packet {
-    int device, channel;  // `channel` is the number of channels when there are several
-    bool multi;
-    int counter;
-    unsigned seed;  // of the samples
+    int device = 0;
+    int channel = 0;
+    int channels = 0;
+    int counter = 0;
+    unsigned seed = 0;  ///< of the samples
 
     Bytes bytes() const;
-    /// What a host gets and the log says when it is not the first packet: `loss` as it is logged, -1 for none.
-    std::string lines(bool direct, bool merged, int expected, int loss) const;
+    /// The calls that hand it to a host: with `merged` one call for all channels together.
+    std::string calls(bool merged = false) const;
 };
 
 /// Whether a spin lock is taken. Its only member is the lock word.
@@ -47,8 +50,11 @@ class ReceiveSession {
     /// Decode straight from an exact-size copy, as headset 5 or directly; the number of bytes consumed.
     std::size_t decode(bool direct, const Bytes& bytes, int device = 5);
 
-    /// One block through the parser's entry, and what came of it.
+    /// One block through the parser's entry with `history`, and what came of it.
     std::string parse(const Bytes& block);
+
+    /// What one read of the link thread brought, through `buffer` and its history, and what came of it.
+    std::string read(std::span<const std::uint8_t> bytes);
 
     kxorbeta_if::Flags flags;
     kxorbeta_if::CallbackTable callbacks;
@@ -56,6 +62,7 @@ class ReceiveSession {
     kxorbeta_if::DecoderTables decoder{callbacks, tables.packetCounters, flags};
     kxorbeta_if::StreamFramer framer{tables, callbacks, flags};
     kxorbeta_if::History history;
+    kxorbeta_if::ReceiveBuffer buffer{flags};
 
     std::function<void()> onRaw;    ///< called inside the raw data callback, after the call has been noted
     std::function<void()> onEvent;  ///< likewise

@@ -24,33 +24,6 @@ std::string hexOf(const Bytes& bytes) {
     return text;
 }
 
-namespace {
-std::vector<std::string> split(const std::string& text, const std::string& separator) {
-    const std::size_t end = text.find(separator);
-    std::vector<std::string> pieces{text.substr(0, end)};
-    if (end != std::string::npos) {
-        const auto others = split(text.substr(end + separator.size()), separator);
-        pieces.insert(pieces.end(), others.begin(), others.end());
-    }
-    return pieces;
-}
-}  // namespace
-
-std::vector<std::vector<std::string>> rows(const std::string& table) {
-    std::vector<std::vector<std::string>> all;
-    for (const std::string& line : split(table, "\n")) {
-        for (const std::string& row : split(line.substr(line.find_first_not_of(' ')), " | ")) {
-            for (std::string& field : all.emplace_back(split(row, " => "))) {
-                field = field == "-" ? "" : field;
-                for (const auto& [sign, meaning] : {std::pair{'$', '\n'}, {'%', '\r'}, {'`', '\t'}, {'~', '\0'}}) {
-                    std::replace(field.begin(), field.end(), sign, meaning);
-                }
-            }
-        }
-    }
-    return all;
-}
-
 Bytes part(const Bytes& bytes, std::size_t from, std::size_t to) {
     const auto all = std::span(bytes).first(std::min(to, bytes.size())).subspan(from);
     return {all.begin(), all.end()};

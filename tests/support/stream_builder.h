@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-/// Builds what headsets and the dongle send. Written from the layout of the frames alone and used by tests only, so
-/// that a mistake of the library cannot cancel itself out.
+/// Builds what headsets and the dongle send. Written from the layout of the frames alone, for tests, fuzzers and
+/// benchmarks, so that a mistake of the library cannot cancel itself out. Bytes that mean nothing are not 0.
 namespace test {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -19,11 +19,6 @@ Bytes bytesOf(std::string_view text);
 /// From pairs of hexadecimal digits, upper case; the other way round for `hexOf`.
 Bytes fromHex(std::string_view digits);
 std::string hexOf(const Bytes& bytes);
-/// The rows of a table, one to a line or several with " | " between them, in fields with " => " between them. In a
-/// field
-/// '$' stands for a line feed, '%' for a carriage return, '`' for a tab, '~' for a zero byte, and '-' alone for
-/// nothing.
-std::vector<std::vector<std::string>> rows(const std::string& table);
 Bytes part(const Bytes& bytes, std::size_t from, std::size_t to = std::string_view::npos);
 Bytes joined(std::initializer_list<Bytes> parts);
 void append(Bytes& to, const Bytes& more);

@@ -1,3 +1,5 @@
+#include <climits>
+
 #include "support/test_line.h"
 
 namespace test {

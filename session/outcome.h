@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "velmora/velmora.h"
+
+namespace velmora {
+
+/// What a call came to: the status, and unless it is VELMORA_OK what to tell people about it.
+struct Outcome {
+    velmora_status status = VELMORA_OK;
+    int systemCode = 0;
+    std::string text{};
+
+    bool ok() const { return status == VELMORA_OK; }
+};
+
+inline Outcome failure(velmora_status status, std::string text, int systemCode = 0) {
+    return {status, systemCode, std::move(text)};
+}
+
+const char* statusName(velmora_status status);
+
+/// Copies a text into a member of a zeroed struct, cut to what it holds.
+template <std::size_t Size>
+void copyText(char (&to)[Size], std::string_view from) {
+    from.copy(to, Size - 1);
+}
+
+}  // namespace velmora

@@ -1,0 +1,190 @@
+// Compares a recording with the account that the virtual dongle keeps of every packet:
+//   account_check FILE.edf ACCOUNT.csv ADDRESS CHANNELS [LATEST]
+// Every packet that a host read as a whole has to be in the file, in order and as far from its neighbours as the
+// packets lost between them fill; what is between has to be marked as bad. LATEST: seconds at the end of the account
+// that may be missing, after a kill. For headsets that send single-channel packets to channels called ch0, ch1 ...
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <span>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "dongle/headset_frames.h"
+#include "record/edf_file.h"
+
+namespace {
+
+constexpr std::int64_t kPacketSamples = 112;
+
+struct Packet {
+    int index;
+    std::uint64_t number;
+    int channel;
+    std::int64_t sent;  // nanoseconds
+    bool whole;
+};
+
+std::vector<Packet> readAccount(const std::string& path, const std::string& address) {
+    std::ifstream file(path);
+    std::vector<Packet> packets;
+    std::string line;
+    while (std::getline(file, line)) {
+        std::vector<std::string> fields;
+        std::istringstream text(line);
+        for (std::string field; std::getline(text, field, ',');)
+            fields.push_back(field);
+        // headset,index,kind,number,channel,counter,produced_ns,copy,sent_ns,outcome,...
+        if (fields.size() < 10 || fields[0] != address || fields[2] != "raw" || fields[7] == "2")
+            continue;
+        packets.push_back({std::stoi(fields[1]), std::stoull(fields[3]), std::stoi(fields[4]),
+                           fields[8].empty() ? 0 : std::stoll(fields[8]), fields[9] == "whole"});
+    }
+    return packets;
+}
+
+class Channel {
+  public:
+    Channel(const test::EdfFile& file, const test::EdfFile::Signal& signal)
+        : samples_(signal.samples), bad_(samples_.size(), false) {
+        const double rate =
+            static_cast<double>(samples_.size()) / (static_cast<double>(file.records) * file.recordSeconds);
+        for (const auto& annotation : file.annotations) {
+            if (annotation.text.rfind("BAD_", 0) != 0 ||
+                (annotation.text.find(" all channels") == std::string::npos &&
+                 (annotation.text + ',').find(' ' + signal.label + ',') == std::string::npos))
+                continue;
+            const auto to = std::llround((annotation.onset + annotation.duration) * rate);
+            for (auto i = std::llround(annotation.onset * rate); i < to && i < std::ssize(samples_); ++i)
+                bad_[static_cast<std::size_t>(i)] = true;
+        }
+    }
+
+    std::int64_t size() const { return std::ssize(samples_); }
+
+    /// The first sample from there on that is not marked; the end if all are.
+    std::int64_t firstGood(std::int64_t from) const {
+        while (from < size() && bad_[static_cast<std::size_t>(from)])
+            ++from;
+        return from;
+    }
+
+    bool holds(const Packet& packet, int channels, std::int64_t at) const {
+        if (at < 0 || at + kPacketSamples > size())
+            return false;
+        const std::uint64_t first = packet.number / static_cast<std::uint64_t>(channels) * kPacketSamples;
+        for (std::int64_t i = 0; i < kPacketSamples; ++i) {
+            const auto place = static_cast<std::size_t>(at + i);
+            if (bad_[place] || samples_[place] != dongle::sampleValue(packet.index, packet.channel,
+                                                                      first + static_cast<std::uint64_t>(i)))
+                return false;
+        }
+        return true;
+    }
+    bool isMarked(std::int64_t from, std::int64_t to) const {
+        for (; from < to; ++from) {
+            if (!bad_[static_cast<std::size_t>(from)] || samples_[static_cast<std::size_t>(from)] != -32768)
+                return false;
+        }
+        return true;
+    }
+
+  private:
+    const std::vector<std::int16_t> samples_;
+    std::vector<bool> bad_;
+};
+
+struct Finding {
+    std::int64_t found = 0;
+    std::int64_t lost = 0;
+    std::string problem = "no packet of the account is in it";
+};
+
+// As if the file began with the packet `first`. Packets of which less than `must` is sure may be missing at the end.
+Finding follow(const Channel& channel, std::span<const Packet> packets, int channels, std::int64_t must) {
+    Finding finding;
+    const auto problem = [&](const Packet& packet, const char* what) {
+        finding.problem = "packet " + std::to_string(packet.number) + ' ' + what;
+        return finding;
+    };
+    std::int64_t next = 0;                            // behind the last packet
+    std::int64_t expected = channel.firstGood(next);  // the same, with what was lost since
+    for (const Packet& packet : packets) {
+        if (finding.found > 0 && packet.number < static_cast<std::uint64_t>(channels))
+            expected = channel.firstGood(next);  // the headset has connected again
+        if (!packet.whole) {
+            finding.lost += 1;
+            expected += kPacketSamples;
+            continue;
+        }
+        if (!channel.holds(packet, channels, expected)) {
+            if (packet.sent > must)
+                break;
+            return problem(packet, "is not where it belongs");
+        }
+        if (!channel.isMarked(next, expected))
+            return problem(packet, "follows something that is neither data nor marked");
+        ++finding.found;
+        next = expected = expected + kPacketSamples;
+    }
+    if (!channel.isMarked(next, channel.size())) {
+        finding.problem = "the end is neither data nor marked";
+        return finding;
+    }
+    finding.problem.clear();
+    return finding;
+}
+
+int check(const test::EdfFile& file, const std::vector<Packet>& packets, int channels, double latest) {
+    std::int64_t end = 0;
+    for (const Packet& packet : packets)
+        end = std::max(end, packet.whole ? packet.sent : 0);
+    const auto must = end - std::llround(latest * 1e9);
+    int problems = 0;
+    Finding sum;
+    for (const auto& signal : file.signals) {
+        const int number = std::atoi(signal.label.c_str() + 2);
+        const Channel channel(file, signal);
+        std::vector<Packet> own;
+        std::copy_if(packets.begin(), packets.end(), std::back_inserter(own),
+                     [&](const Packet& packet) { return packet.channel == number; });
+        // The signal comes round again, so that more than one packet looks like the first one: the right one is that
+        // from which all others follow.
+        Finding best;
+        for (std::span<const Packet> rest = own; !rest.empty() && !best.problem.empty(); rest = rest.subspan(1)) {
+            if (!rest.front().whole || !channel.holds(rest.front(), channels, channel.firstGood(0)))
+                continue;
+            const Finding finding = follow(channel, rest, channels, must);
+            if (finding.problem.empty() || finding.found > best.found)
+                best = finding;
+        }
+        sum.found += best.found;
+        sum.lost += best.lost;
+        if (!best.problem.empty()) {
+            std::cout << signal.label << ": " << best.problem << '\n';
+            ++problems;
+        }
+    }
+    std::cout << sum.found << " packets in place, " << sum.lost << " lost ones between them, " << problems
+              << " problems\n";
+    return problems == 0 && sum.found > 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int count, char** arguments) try {
+    if (count < 5) {
+        std::cerr << "usage: account_check FILE.edf ACCOUNT.csv ADDRESS CHANNELS [LATEST]\n";
+        return 2;
+    }
+    return check(test::EdfFile::read(arguments[1]), readAccount(arguments[2], arguments[3]), std::atoi(arguments[4]),
+                 count > 5 ? std::atof(arguments[5]) : 0);
+} catch (const std::exception& error) {
+    std::cout << arguments[1] << ": " << error.what() << '\n';
+    return 1;
+}

@@ -1,0 +1,36 @@
+#include "session/command_gate.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Entry = velmora::CommandGate::Entry;
+
+TEST(CommandGate, TheGapBeginsWhenACommandHasBeenWritten) {
+    velmora::CommandGate gate(kxorbeta_if::systemClock(), 25ms);
+    ASSERT_EQ(gate.enter(nullptr), Entry::kEntered);
+    std::this_thread::sleep_for(10ms);
+    const auto written = std::chrono::steady_clock::now();
+    gate.leave();
+    ASSERT_EQ(gate.enter(nullptr), Entry::kEntered);
+    EXPECT_GE(std::chrono::steady_clock::now() - written, 25ms);
+}
+
+TEST(CommandGate, TheWaitForATurnCanBeEnded) {
+    velmora::CommandGate gate(kxorbeta_if::systemClock(), 1h);
+    ASSERT_EQ(gate.enter(nullptr), Entry::kEntered);
+    velmora::Signal cancel;
+    std::thread first([&] { EXPECT_EQ(gate.enter(&cancel), Entry::kCancelled); });
+    std::thread second([&] { EXPECT_EQ(gate.enter(nullptr), Entry::kClosed); });
+    cancel.set();
+    first.join();
+    gate.leave();  // the turn is free, but its gap is not over
+    gate.close();
+    second.join();
+}
+
+}  // namespace

@@ -1,0 +1,232 @@
+#include "session/receiver.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "dongle/headset_frames.h"
+
+namespace {
+
+constexpr velmora::Nanoseconds kSecond = 1'000'000'000;
+constexpr velmora::Nanoseconds kStep = 10'000'000;
+
+/// A receiver on a time of its own.
+class ReceiverTest : public testing::Test, protected velmora::Receiver::Listener {
+  protected:
+    ReceiverTest() { receiver.opened(now); }
+
+    void feed(std::string_view bytes) {
+        now += kStep;
+        std::memcpy(receiver.room().data(), bytes.data(), bytes.size());
+        receiver.received(bytes.size(), now);
+        queue.publish();
+    }
+    void rest(velmora::Nanoseconds time) {
+        for (const velmora::Nanoseconds end = now + time; now < end;) {
+            now += kStep;
+            receiver.received(0, now);
+        }
+        queue.publish();
+    }
+    static std::string packet(int index, int channel, unsigned counter, int firstSample = 0) {
+        std::vector<std::int16_t> samples(112, static_cast<std::int16_t>(firstSample));
+        const auto frame = dongle::singleChannelFrame(channel, samples, static_cast<std::uint8_t>(counter));
+        return data(index, frame);
+    }
+    static std::string data(int index, const dongle::Bytes& payload) {
+        const auto bytes = dongle::dataEnvelope(index, payload);
+        return {bytes.begin(), bytes.end()};
+    }
+    std::vector<velmora_record> taken(std::size_t max = 1000) {
+        std::vector<velmora_record> records(max);
+        records.resize(queue.take(records.data(), sizeof records[0], max));
+        for (const velmora_record& record : records) {
+            accounted += record.dropped + (record.kind == VELMORA_RAW ? 1 : 0);
+        }
+        return records;
+    }
+    /// A line for each event: what happened, to which number, at which index, its address.
+    std::string events() {
+        std::string text;
+        for (const velmora_record& record : taken()) {
+            if (record.kind == VELMORA_EVENT) {
+                text += (text.empty() ? "" : " ") + std::string(1, "?+-RGO"[record.code]);
+                if (record.headset >= 0) {
+                    text += std::to_string(record.headset) + "@" + std::to_string(record.index) +
+                            reinterpret_cast<const char*>(record.bytes);
+                }
+            }
+        }
+        return text;
+    }
+
+    void conversationMoved() override { ++moved; }
+    void responded(const velmora_record& response) override { response_ = response; }
+    void left(int index) override { lastLeft = index; }
+    void restarted() override { ++restarts; }
+    void said(std::string_view text) override { lastText = text; }
+
+    velmora::RecordQueue queue{400};
+    velmora::Receiver receiver{queue, *this};
+    velmora::Nanoseconds now = 100 * kSecond;
+    std::uint64_t accounted = 0;  // raw packets taken, and those that they say were dropped
+    int moved = 0;
+    int restarts = 0;
+    int lastLeft = -1;
+    std::string lastText;
+    velmora_record response_{};
+};
+
+TEST_F(ReceiverTest, WhoIsConnectedAndUnderWhichNumber) {
+    rest(3 * kSecond);  // what a program before this one left would have shown
+    const struct {
+        const char* what;
+        const char* said;
+        const char* events;
+    } steps[] = {
+        {"first", "Service connected. A00000000001,3\n", "+0@3A00000000001"},
+        {"again", "Service connected. a00000000001,3\n", ""},
+        {"another", "Service connected. B00000000002,4\n", "+1@4B00000000002"},
+        {"under another index", "Service connected. A00000000001,5\n", "+0@5A00000000001"},
+        {"its index is taken", "Service connected. C00000000003,4\n", "-1@4B00000000002 +2@4C00000000003"},
+        {"without an index", "Service connected. D00000000004\n", "+3@0D00000000004"},
+        {"damaged index", "Service connected. E00000000005,x\n", ""},
+        {"index too high", "Service connected. E00000000005,16\n", ""},
+        {"short address", "Service connected. E0000000,1\n", ""},
+        {"one leaves", "Client disconnected,A00000000001,19\r\n", "-0@5A00000000001"},
+        {"it has left already", "Client disconnected,A00000000001,19\r\n", ""},
+        {"a stranger leaves", "Client disconnected,F00000000006,19\r\n", ""},
+        {"and comes back", "Service connected. A00000000001,6\n", "+0@6A00000000001"},
+        {"a list", "AT+LIST=6,A00000000001;7,B00000000002\n", "+1@7B00000000002 -2@4C00000000003 -3@0D00000000004"},
+        {"an empty list", "AT+LIST=none\n", "-0@6A00000000001 -1@7B00000000002"},
+        {"one more", "Service connected. A00000000001,2\n", "+0@2A00000000001"},
+        {"restart", "Bootup", "-0@2A00000000001 R"},
+    };
+    for (const auto& step : steps) {
+        feed(step.said);
+        EXPECT_EQ(events(), step.events) << step.what;
+    }
+    EXPECT_EQ(restarts, 1);
+    EXPECT_EQ(lastLeft, 2);
+    EXPECT_EQ(lastText, "Bootup");
+    // Data of an index that nobody has reported since: a headset without an address, not counted as connected.
+    receiver.start(now);
+    feed(packet(2, 0, 1));
+    const auto records = taken();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].headset, 4);
+    EXPECT_FALSE(receiver.headsets().anyConnected());
+    receiver.lineIsGone(now, 5);
+    queue.publish();
+    EXPECT_EQ(events(), "G");
+}
+
+TEST_F(ReceiverTest, AWiderElementIsFilledUpWithZeros) {
+    feed("Service connected. A00000000001,1\nService connected. B00000000002,2\n");
+    struct Wide {
+        velmora_record record;
+        std::uint64_t more;
+    } wide[2];
+    wide[0].more = wide[1].more = 99;
+    ASSERT_EQ(queue.take(&wide[0].record, sizeof(Wide), 2), 2u);
+    EXPECT_EQ(wide[1].record.headset, 1);
+    EXPECT_EQ(wide[0].more + wide[1].more, 0u);
+}
+
+TEST_F(ReceiverTest, TheGateIsForDataAndNotForResponses) {
+    feed("Service connected. A00000000001,1\n");
+    const std::string all = packet(1, 0, 1) + data(1, dongle::batteryFrame(9, 1)) +
+                            data(1, dongle::postFrame(dongle::postValues(1, 2))) +
+                            data(1, dongle::shortResponse(0xEE, 0x21, {}));
+    const auto kinds = [&] {
+        feed(all);
+        std::string text;
+        for (const velmora_record& record : taken()) {
+            text += std::to_string(record.kind);
+        }
+        return text;
+    };
+    taken();
+    EXPECT_EQ(kinds(), "4");
+    EXPECT_EQ(response_.code, 0x21);
+    EXPECT_EQ(response_.index, 1);
+    receiver.start(now + 1);
+    EXPECT_EQ(kinds(), "1324");
+    receiver.start(now + 2 * kStep);  // what arrived before is not the host's, although it is looked at later
+    EXPECT_EQ(kinds(), "4");
+    receiver.stop();
+    EXPECT_EQ(kinds(), "4");
+}
+
+TEST_F(ReceiverTest, LossesStandInFrontOfTheNextPacket) {
+    feed("Service connected. A00000000001,1\n");
+    receiver.start(now);
+    std::string seen;  // counter, sample, losses and flags of each
+    for (const unsigned counter : {250u, 251u, 254u, 254u, 0u}) {
+        rest(440'000'000);
+        feed(packet(1, 5, counter, static_cast<int>(counter)));
+        for (const velmora_record& r : taken()) {
+            if (r.kind == VELMORA_RAW) {
+                seen += std::to_string(r.counter) + " " + std::to_string(r.sample) + " " + std::to_string(r.lost) +
+                        " " + std::to_string(r.flags) + "\n";
+                EXPECT_EQ(r.channel * 1000 + r.channels, 5001);
+                EXPECT_EQ(r.count, 112);
+                EXPECT_EQ(r.samples[111], static_cast<int>(counter));
+                EXPECT_EQ(r.time, now);
+            }
+        }
+    }
+    EXPECT_EQ(seen, "250 0 0 2\n251 112 0 0\n254 448 2 0\n0 672 1 0\n");
+    velmora_headset_statistics statistics{};
+    receiver.headsetStatistics(0, statistics);
+    EXPECT_EQ(statistics.channels[5].packets, 4u);
+    EXPECT_EQ(statistics.channels[5].lost, 3u);
+    EXPECT_EQ(statistics.channels[5].repeated, 1u);
+}
+
+TEST_F(ReceiverTest, OneOverrunEventForEachTimeThatTheHostFallsBehind) {
+    feed("Service connected. A00000000001,1\n");
+    receiver.start(now);
+    EXPECT_EQ(events(), "+0@1A00000000001");
+    unsigned counter = 0;
+    for (int round = 0; round < 3; ++round) {
+        for (int i = 0; i < 480; ++i) {
+            if (i > 450 && i % 3 == 0) {  // a little room does not make it another overrun
+                taken(2);
+            }
+            feed(packet(1, 0, counter++));
+        }
+        EXPECT_EQ(events(), "O") << round;
+        feed(packet(1, 0, counter++));
+        const auto next = taken();
+        ASSERT_EQ(next.size(), 1u);
+        EXPECT_GT(next[0].dropped, 0u);
+        EXPECT_EQ(accounted, counter);
+    }
+}
+
+TEST_F(ReceiverTest, ScanLinesCountDuringAScan) {
+    receiver.beginScan();
+    feed("Start scan\nA00000000001,1 XAI-01\r\nA00000000001,0 later\nB0:00,1 short\nB00000000002,0 other name\n");
+    feed("Finish scan");
+    std::string found;
+    for (const auto& headset : receiver.conversation().found()) {
+        found += std::string(headset.name) + "=" + std::to_string(headset.option) + ";";
+    }
+    EXPECT_EQ(found, "XAI-01=1;other name=0;");
+    EXPECT_EQ(receiver.conversation().result(), VELMORA_OK);
+    EXPECT_GT(moved, 0);
+    receiver.finishConversation(true);
+    feed("C00000000003,1 XAI-03\n");
+    EXPECT_EQ(receiver.headsets().headsets().size(), 2u);
+    feed("Service connected. B00000000002,4\n");
+    EXPECT_EQ(events(), "+1@4B00000000002");
+    EXPECT_EQ(receiver.headsets().headsets()[1].name, "other name");
+}
+
+}  // namespace

@@ -1,0 +1,197 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/file.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "dongle/dongle_runner.h"
+#include "dongle/port_link.h"
+#include "environment_fixture.h"
+#include "session/dongle_finder.h"
+#include "session/session.h"
+#include "support/eventually.h"
+#include "support/test_line.h"
+
+// What needs ports that come and go: pseudo-terminals do.
+
+namespace {
+
+using namespace std::chrono_literals;
+using test::eventually;
+using velmora::deadlineIn;
+
+dongle::Settings quickDongle() {
+    dongle::Settings settings = dongle::defaultSettings(2);
+    settings.replies.connectDuration = 5ms;
+    settings.replies.streamDelay = 5ms;
+    settings.line.gaps = false;
+    settings.line.dataDuringText = true;
+    settings.line.fillBytesPerSecond = dongle::kLineBytesPerSecond;
+    return settings;
+}
+
+/// Every time under a name of its own, because the number of a terminal that went is soon another one's.
+std::unique_ptr<dongle::Runner> plugIn(const dongle::Settings& settings = quickDongle()) {
+    static int number = 0;
+    const std::string link =
+        testing::TempDir() + "velmora-" + std::to_string(::getpid()) + "-" + std::to_string(++number);
+    return std::make_unique<dongle::Runner>(settings, dongle::makeLinkedTerminal(link));
+}
+
+/// Reads until the port is gone; returns how many raw packets came before, -1 when it does not go.
+int readUpToGone(velmora::Session& session) {
+    velmora_record record{};
+    std::size_t got = 0;
+    for (int raw = 0; session.read(&record, sizeof record, 1, 1, 20'000, nullptr, got) == VELMORA_OK;) {
+        raw += record.kind == VELMORA_RAW ? 1 : 0;
+        if (record.kind == VELMORA_EVENT && record.code == VELMORA_EVENT_GONE) {
+            return raw;
+        }
+    }
+    return -1;
+}
+
+std::vector<velmora_wanted> everybody() {
+    std::vector<velmora_wanted> wanted(2);
+    for (int i = 0; i < 2; ++i) {
+        dongle::defaultHeadset(i + 1).address.copy(wanted[static_cast<std::size_t>(i)].address, 12);
+    }
+    return wanted;
+}
+
+TEST(Replug, TwentyTimesWhileReadingUnderAnotherNameWithoutTakingAStrangersDongle) {
+    test::FakeMachine machine;
+    std::unique_ptr<dongle::Runner> dongle = plugIn();
+    machine.plug(dongle->hostPath(), "MINE");
+    velmora::Session session(machine.environment(), {});
+    ASSERT_TRUE(session.open(dongle->hostPath()).ok());
+    ASSERT_TRUE(session.start(nullptr, nullptr).ok());
+    for (int round = 0; round < 20; ++round) {
+        auto wanted = everybody();
+        ASSERT_EQ(session.connect(wanted, false, deadlineIn(20'000), nullptr).status, VELMORA_OK);
+        EXPECT_EQ(wanted[1].headset, 1) << "numbers stay";
+        ASSERT_TRUE(eventually([&] { return session.statistics().raw > static_cast<std::uint64_t>(round + 1) * 5; }));
+        std::thread puller([&, pulled = std::move(dongle)]() mutable {
+            machine.unplugAll();
+            pulled->hangUp();
+        });
+        EXPECT_GE(readUpToGone(session), 5);
+        puller.join();
+        std::size_t got = 0;
+        velmora_record record;
+        EXPECT_EQ(session.read(&record, sizeof record, 1, 1, -1, nullptr, got), VELMORA_GONE);
+        EXPECT_EQ(session.scan(nullptr, deadlineIn(0), nullptr).status, VELMORA_GONE);
+        EXPECT_EQ(session.send(1, 1, {}, false).status, VELMORA_GONE);
+
+        const auto stranger = plugIn();
+        machine.plug(stranger->hostPath(), "STRANGER");
+        EXPECT_EQ(session.reopen(deadlineIn(0), nullptr).status, VELMORA_TIMEOUT);
+        std::thread pluggingIn([&] {
+            dongle = plugIn();
+            machine.plug(dongle->hostPath(), "MINE");
+        });
+        EXPECT_EQ(session.reopen(deadlineIn(20'000), nullptr).text, "");
+        pluggingIn.join();
+        EXPECT_EQ(stranger->counters().bytesRead, 0u);
+    }
+}
+
+TEST(Replug, WaitingForTheDongleCanBeEnded) {
+    test::FakeMachine machine;
+    std::unique_ptr<dongle::Runner> dongle = plugIn();
+    const std::string path = dongle->hostPath();
+    velmora::Session session(machine.environment(), {});
+    ASSERT_TRUE(session.open(path).ok());
+    EXPECT_TRUE(session.reopen(deadlineIn(0), nullptr).ok()) << "it is open";
+    dongle->hangUp();
+    ASSERT_GE(readUpToGone(session), 0);
+    const velmora::Outcome late = session.reopen(deadlineIn(1), nullptr);
+    EXPECT_EQ(late.status, VELMORA_TIMEOUT);
+    EXPECT_NE(late.text.find(path), std::string::npos) << late.text;
+    velmora::Signal cancel;
+    std::thread waiting([&] {
+        EXPECT_EQ(session.reopen(velmora::Clock::Time::max(), &cancel).status, VELMORA_CANCELLED);
+        EXPECT_EQ(session.reopen(velmora::Clock::Time::max(), nullptr).status, VELMORA_CLOSED);
+    });
+    cancel.set();
+    std::this_thread::sleep_for(20ms);
+    session.close();
+    waiting.join();
+}
+
+TEST(Find, TellsWhatEachPortIs) {
+    test::FakeMachine machine;
+    const auto silent = dongle::makePtyTransport();
+    const auto held = dongle::makePtyTransport();
+    const int holder = ::open(held->hostPath().c_str(), O_RDWR | O_NOCTTY);
+    ASSERT_EQ(::flock(holder, LOCK_EX), 0);
+
+    // One that an ended program has left with its headsets sending.
+    const auto streaming = plugIn();
+    {
+        velmora::Session before(machine.environment(), {});
+        ASSERT_TRUE(before.open(streaming->hostPath()).ok());
+        auto wanted = everybody();
+        ASSERT_TRUE(before.connect(wanted, false, deadlineIn(20'000), nullptr).ok());
+    }
+    dongle::Settings late = quickDongle();
+    late.replies.delay = 600ms;  // the first ping goes unanswered
+    const auto slow = plugIn(late);
+    dongle::Settings dumb = quickDongle();
+    dumb.replies.pingText = "ERROR\n";
+    const auto modem = plugIn(dumb);
+
+    machine.plug(silent->hostPath(), "");
+    machine.plug(held->hostPath(), "");
+    machine.plug(streaming->hostPath(), "");
+    machine.plug(slow->hostPath(), "");
+    machine.plug(modem->hostPath(), "");
+    machine.plug("/dev/no-such-port", "");
+    machine.plug("/dev/forbidden", "", VELMORA_FORBIDDEN);
+    machine.plug("/dev/null", "", VELMORA_OK, false);
+
+    termios before{};
+    ::tcgetattr(holder, &before);
+    const int watch = ::open(silent->hostPath().c_str(), O_RDWR | O_NOCTTY);
+    termios found{};
+    ::tcgetattr(watch, &found);
+    ::cfsetspeed(&found, B9600);
+    ::tcsetattr(watch, TCSANOW, &found);
+
+    std::vector<velmora_port> ports;
+    EXPECT_TRUE(velmora::findDongles(machine.environment(), false, nullptr, ports).ok());
+    const velmora_status expected[] = {VELMORA_NOT_A_DONGLE, VELMORA_HELD,      VELMORA_OK,        VELMORA_OK,
+                                       VELMORA_NOT_A_DONGLE, VELMORA_NOT_FOUND, VELMORA_FORBIDDEN, VELMORA_INVALID};
+    ASSERT_EQ(ports.size(), std::size(expected));
+    for (std::size_t i = 0; i < ports.size(); ++i) {
+        EXPECT_EQ(ports[i].status, expected[i]) << ports[i].path << ": " << ports[i].text;
+        EXPECT_EQ(std::string(ports[i].text).starts_with("A dongle answered within "), expected[i] == VELMORA_OK)
+            << ports[i].text;
+        EXPECT_STRNE(ports[i].text, "");
+    }
+    termios after{};
+    ::tcgetattr(watch, &after);
+    EXPECT_EQ(std::memcmp(&found, &after, sizeof found), 0) << "a port is left as it was found";
+    ::close(watch);
+    ::close(holder);
+
+    velmora::Signal cancel;
+    cancel.set();
+    EXPECT_EQ(velmora::findDongles(machine.environment(), false, &cancel, ports).status, VELMORA_CANCELLED);
+    machine.unplugAll();
+    machine.plug(silent->hostPath(), "");
+    const velmora::Outcome none = velmora::findDongles(machine.environment(), false, nullptr, ports);
+    EXPECT_EQ(none.status, VELMORA_NOT_FOUND);
+    EXPECT_NE(none.text.find(silent->hostPath()), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,507 @@
+#include "session/session.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "dongle/dongle_runner.h"
+#include "link/serial_port.h"
+#include "support/eventually.h"
+#include "support/test_line.h"
+#include "velmora/velmora.hpp"
+
+extern "C" const char* use_velmora_from_c(void);
+
+namespace {
+
+using namespace std::chrono_literals;
+using test::eventually;
+
+/// What a host keeps of the records it has read.
+struct Seen {
+    std::vector<velmora_record> events, responses, batteries, processed;
+    std::map<int, std::uint64_t> raw, missing;  // by headset number
+
+    std::size_t count(int event) const {
+        return static_cast<std::size_t>(
+            std::count_if(events.begin(), events.end(), [&](const velmora_record& e) { return e.code == event; }));
+    }
+    void take(const velmora_record& record) {
+        if (record.kind == VELMORA_RAW) {
+            ++raw[record.headset];
+            missing[record.headset] += record.lost + record.dropped;
+        } else {
+            (record.kind == VELMORA_EVENT      ? events
+             : record.kind == VELMORA_RESPONSE ? responses
+             : record.kind == VELMORA_BATTERY  ? batteries
+                                               : processed)
+                .push_back(record);
+        }
+    }
+};
+
+/// A virtual dongle on a line, and a handle on it.
+class SessionTest : public testing::Test {
+  protected:
+    SessionTest() {
+        settings.replies.connectDuration = 5ms;
+        settings.replies.streamDelay = 5ms;
+        settings.replies.scanDuration = 60ms;
+        settings.replies.responseDelay = 5ms;
+        settings.line.gaps = false;
+        settings.line.dataDuringText = true;
+    }
+
+    /// Starts the dongle and opens its port.
+    velmora::Dongle& open(velmora::OpenOptions options = {}) {
+        test::TestLine line = test::plugLine();
+        path = line.hostPort;
+        runner = std::make_unique<dongle::Runner>(settings, std::move(line.dongleEnd));
+        host = std::make_unique<velmora::Dongle>(path, std::move(options));
+        return *host;
+    }
+    std::vector<velmora_wanted> everybody() const {
+        std::vector<velmora_wanted> wanted;
+        for (const dongle::HeadsetSettings& headset : settings.headsets) {
+            velmora_wanted element{};
+            headset.address.copy(element.address, 12);
+            wanted.push_back(element);
+        }
+        return wanted;
+    }
+    velmora_status connectAll() {
+        std::vector<velmora_wanted> wanted = everybody();
+        return host->connect(std::span(wanted), 20s);
+    }
+    template <typename Use>
+    auto engine(Use use) {
+        return runner->with(use);
+    }
+    void setReplies() {
+        engine([&](dongle::Engine& e) { e.setReplies(settings.replies); });
+    }
+    std::size_t total() {
+        return engine([](dongle::Engine& e) { return e.log().total; });
+    }
+    std::size_t requests(std::string_view beginning) {
+        return engine([&](dongle::Engine& e) { return e.log().countTexts(beginning); });
+    }
+    /// Reads until `enough` of what was seen.
+    bool readUntil(const std::function<bool()>& enough) {
+        const auto deadline = std::chrono::steady_clock::now() + 20s;
+        std::vector<velmora_record> records(512);
+        while (!enough()) {
+            const velmora::Batch batch = host->read(records, 1, 50ms);
+            for (const velmora_record& record : batch.records) {
+                seen.take(record);
+            }
+            if (std::chrono::steady_clock::now() > deadline) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    dongle::Settings settings = dongle::defaultSettings(2);
+    std::unique_ptr<dongle::Runner> runner;
+    std::string path;
+    std::unique_ptr<velmora::Dongle> host;
+    Seen seen;
+};
+
+velmora_status statusOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const velmora::Error& error) {
+        EXPECT_STRNE(error.what(), "");
+        return error.status();
+    }
+    return VELMORA_OK;
+}
+
+TEST_F(SessionTest, FromScanToTheLastPacketOfSixteenHeadsets) {
+    settings.headsets = dongle::defaultSettings(16).headsets;
+    settings.line.fillBytesPerSecond = dongle::kLineBytesPerSecond;
+    settings.faults.split = 0.2;
+    open();
+    std::vector<std::string> reported;
+    const auto found = host->scan(10s, nullptr, [&](const velmora_found& f) { reported.push_back(f.address); });
+    ASSERT_EQ(found.size(), 16u);
+    ASSERT_EQ(reported.size(), 16u);
+    EXPECT_STREQ(found[3].name, settings.headsets[3].name.c_str());
+    EXPECT_EQ(found[3].option, 1);
+    const velmora::Dongle::Moment moment = host->start();
+    const auto connected = host->connect(std::span(found), 10s);
+    for (std::size_t i = 0; i < connected.size(); ++i) {
+        EXPECT_EQ(connected[i].status, VELMORA_OK) << i;
+        EXPECT_EQ(connected[i].headset, found[i].headset) << i;
+        EXPECT_EQ(connected[i].index, settings.headsets[i].index) << i;
+    }
+    ASSERT_TRUE(readUntil([&] { return seen.raw[0] > 100 && seen.raw[15] > 100; }));
+    host->dropAll();
+    EXPECT_EQ(host->headsets()[2].connected, 0);
+    // What was still on its way arrives in the end.
+    for (const velmora_wanted& c : connected) {
+        const auto sent = [&] { return engine([&](dongle::Engine& e) { return e.headsetCounters(c.index).rawSent; }); };
+        EXPECT_TRUE(readUntil([&] { return seen.raw[c.headset] == sent(); }))
+            << c.index << ": " << seen.raw[c.headset] << " of " << sent();
+        EXPECT_EQ(seen.missing[c.headset], 0u) << c.index;
+    }
+    EXPECT_TRUE(readUntil([&] { return seen.count(VELMORA_EVENT_DISCONNECTED) == 16; }));
+    EXPECT_EQ(seen.count(VELMORA_EVENT_CONNECTED), 16u);
+    for (const velmora_record& event : seen.events) {
+        EXPECT_GE(event.time, moment.time);
+        EXPECT_LE(event.time, velmora_now());
+    }
+    const velmora_statistics statistics = host->statistics();
+    EXPECT_EQ(statistics.stray_bytes + statistics.damaged_headers + statistics.incomplete_frames, 0u);
+    EXPECT_EQ(statistics.queue_dropped, 0u);
+}
+
+TEST_F(SessionTest, TheGateOpensBetweenTwoPackets) {
+    settings.line.fillBytesPerSecond = dongle::kLineBytesPerSecond;
+    open();
+    ASSERT_EQ(connectAll(), VELMORA_OK);
+    std::vector<velmora_record> records(4096);
+    for (int round = 0; round < 20; ++round) {
+        const auto moment = host->start();
+        std::map<int, std::map<int, int>> next;  // by headset and channel: the counter that must follow
+        const velmora::Batch batch = host->read(records, 60, 20s);
+        ASSERT_EQ(batch.status, VELMORA_OK) << "a reader was left asleep";
+        for (const velmora_record& record : batch.records) {
+            if (record.kind != VELMORA_RAW || record.time < moment.time) {
+                continue;  // queued by the start before
+            }
+            auto [place, first] = next[record.headset].try_emplace(record.channel, record.counter);
+            EXPECT_EQ(place->second & 255, record.counter);
+            EXPECT_EQ((record.flags & VELMORA_FLAG_FIRST) != 0, first);
+            EXPECT_EQ(record.lost, 0u);
+            place->second = record.counter + 1;
+        }
+        EXPECT_FALSE(next.empty());
+        host->stop();
+        host->read(records, 0, 0ms);
+    }
+}
+
+TEST_F(SessionTest, RecordsOfEveryKind) {
+    settings.headsets.pop_back();
+    settings.headsets[0].batteryInterval = 30ms;
+    settings.headsets[0].postInterval = 30ms;
+    settings.headsets[0].packing = dongle::Packing::Multi;
+    settings.headsets[0].channels = 5;
+    settings.headsets[0].index = 9;
+    open();
+    host->start();
+    ASSERT_EQ(connectAll(), VELMORA_OK);
+    const std::uint8_t payload[] = {1, 2, 3};
+    const velmora_record response = host->request(9, 0x42, payload, 10s);
+    EXPECT_EQ(response.code, 0x42);
+    EXPECT_EQ(response.count, 8);
+    EXPECT_EQ(response.index, 9);
+    const std::vector<std::uint8_t> frame(response.bytes, response.bytes + 8);
+    EXPECT_EQ(frame, dongle::shortResponse(0xDD, 0x42, payload));
+    std::vector<velmora_record> raw;
+    std::vector<velmora_record> records(64);
+    while (raw.size() < 5 || seen.batteries.size() < 2 || seen.processed.size() < 2 || seen.responses.empty()) {
+        const velmora::Batch batch = host->read(records, 1, 20s);
+        ASSERT_EQ(batch.status, VELMORA_OK);
+        std::for_each(batch.records.begin(), batch.records.end(), [&](const velmora_record& r) { seen.take(r); });
+        std::copy_if(batch.records.begin(), batch.records.end(), std::back_inserter(raw),
+                     [](const velmora_record& r) { return r.kind == VELMORA_RAW; });
+    }
+    EXPECT_EQ(seen.responses.front().time, response.time);
+    EXPECT_EQ(seen.batteries[0].values[0], 90u);
+    EXPECT_EQ(seen.batteries[0].values[1], 3700u);
+    const dongle::PostValues values = dongle::postValues(9, seen.processed[0].bytes[0]);
+    EXPECT_EQ(seen.processed[0].bytes[1], values.value2);
+    EXPECT_EQ(seen.processed[0].values[7], values.bands[7]);
+    for (const velmora_record& record : raw) {
+        ASSERT_EQ(record.flags & VELMORA_FLAG_MULTI, VELMORA_FLAG_MULTI);
+        ASSERT_EQ(record.channels, 5);
+        ASSERT_EQ(record.count, 112 / 5);
+        ASSERT_EQ(record.sample % (112 / 5), 0);
+        for (int i = 0; i < 110; ++i) {
+            const auto n = static_cast<std::uint64_t>(record.sample + i / 5);
+            ASSERT_EQ(record.samples[i], dongle::sampleValue(9, i % 5, n)) << record.sample << " " << i;
+        }
+        ASSERT_EQ(record.samples[110] | record.samples[111], 0);
+    }
+}
+
+TEST_F(SessionTest, WhatCannotBeAddressedIsRefusedUnlessTheKnownTextIsWanted) {
+    open({.commandGap = 30ms});
+    const auto began = std::chrono::steady_clock::now();
+    const struct {
+        int target;
+        const char* text;  // null: only with VELMORA_KNOWN_TEXTS
+        const char* known;
+    } cases[] = {{VELMORA_ALL, "AL", "AL"}, {0, nullptr, "AL"}, {1, "1", "1"},       {9, "9", "9"},
+                 {10, nullptr, "11"},       {11, "11", "11"},   {12, nullptr, "11"}, {13, nullptr, "1"},
+                 {15, nullptr, "1"}};
+    std::vector<std::string> expected;
+    for (const auto& c : cases) {
+        EXPECT_EQ(statusOf([&] { host->send(c.target, 7); }), c.text ? VELMORA_OK : VELMORA_NOT_ADDRESSABLE)
+            << c.target;
+        expected.insert(expected.end(), c.text ? 1 : 0, c.text ? c.text : "");
+        host->send(c.target, 7, {}, VELMORA_KNOWN_TEXTS);
+        expected.push_back(c.known);
+    }
+    EXPECT_GE(std::chrono::steady_clock::now() - began, (expected.size() - 1) * 30ms) << "commands keep their distance";
+    EXPECT_EQ(host->statistics().commands, expected.size());
+    EXPECT_EQ(statusOf([&] { host->send(16, 7); }), VELMORA_INVALID);
+    EXPECT_EQ(statusOf([&] { host->request(VELMORA_ALL, 7); }), VELMORA_INVALID);
+    const std::uint8_t bytes[13] = {};
+    for (const std::size_t length : {5u, 6u, 7u, 9u, 13u}) {
+        EXPECT_EQ(statusOf([&] { host->send(1, 7, std::span(bytes, length)); }), VELMORA_INVALID) << length;
+    }
+    ASSERT_TRUE(eventually([&] { return total() >= expected.size(); }));
+    std::vector<std::string> targets;
+    for (const auto& request : engine([](dongle::Engine& e) { return e.log().since(0); })) {
+        targets.push_back(request.target);
+    }
+    EXPECT_EQ(targets, expected);
+}
+
+TEST_F(SessionTest, ARequestWaitsForItsOwnResponse) {
+    open({.commandGap = 1ms});
+    ASSERT_EQ(connectAll(), VELMORA_OK);
+    settings.replies.responseDelay = 300ms;
+    setReplies();
+    const std::uint8_t twelve[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 0x55};
+    velmora_record long_{};
+    std::thread first([&] { long_ = host->request(1, 0x33, twelve, 20s); });
+    ASSERT_TRUE(eventually([&] { return total() == 2; }));
+    EXPECT_EQ(statusOf([&] { host->request(1, 0x55); }), VELMORA_BUSY);
+    // Another headset's response of the same code is not it.
+    settings.replies.responseDelay = 1ms;
+    setReplies();
+    EXPECT_EQ(host->request(2, 0x55, {}, 20s).index, 2);
+    first.join();
+    EXPECT_EQ(long_.index, 1);
+    EXPECT_EQ(long_.code, 0x55) << "with twelve bytes the last of them is the code";
+    EXPECT_EQ(long_.count, 16);
+
+    settings.replies.commands = false;
+    setReplies();
+    EXPECT_EQ(statusOf([&] { host->request(1, 9, {}, 20ms); }), VELMORA_TIMEOUT);
+    std::thread leaving([&] {
+        EXPECT_TRUE(eventually([&] { return total() == 5; }));
+        engine([](dongle::Engine& e) { e.disconnect(1); });
+    });
+    EXPECT_EQ(statusOf([&] { host->request(1, 9, {}, 20s); }), VELMORA_NOT_CONNECTED);
+    leaving.join();
+}
+
+TEST_F(SessionTest, EachAddressIsToldWhetherItConnected) {
+    settings.headsets[1].connectFails = true;
+    open();
+    std::vector<velmora_wanted> wanted = everybody();
+    wanted.push_back(wanted.back());
+    std::string("0A1B2C3D4E5F").copy(wanted.back().address, 12);
+    EXPECT_EQ(host->connect(std::span(wanted), 20s), VELMORA_NOT_CONNECTED);
+    EXPECT_EQ(wanted[0].status, VELMORA_OK);
+    EXPECT_EQ(wanted[0].index, 1);
+    EXPECT_EQ(wanted[1].status, VELMORA_NOT_CONNECTED);
+    EXPECT_EQ(wanted[2].status, VELMORA_NOT_CONNECTED);
+    // While one is connected a dongle is asked for nothing that nobody has seen it do.
+    EXPECT_EQ(statusOf([&] { host->scan(1s); }), VELMORA_BUSY);
+    EXPECT_EQ(statusOf([&] { connectAll(); }), VELMORA_BUSY);
+    EXPECT_EQ(requests("AT+GRPCONN"), 1u);
+    EXPECT_EQ(requests("AT+SCAN"), 0u);
+    EXPECT_EQ(statusOf([&] { host->drop(wanted[1].address); }), VELMORA_NOT_FOUND);
+    host->drop(wanted[0].address, 20s);
+    EXPECT_EQ(statusOf([&] { host->dropAll(); }), VELMORA_BUSY);
+    host->dropAll(VELMORA_ALLOW_UNPROVED);
+    EXPECT_TRUE(eventually([&] { return requests("AT+DISCONN") == 1; }));
+    wanted[0].address[3] = 'x';
+    EXPECT_EQ(statusOf([&] { host->connect(std::span(wanted), 1s); }), VELMORA_INVALID);
+}
+
+TEST_F(SessionTest, HeadsetsThatAnEndedProgramLeftAreInferred) {
+    settings.line.fillBytesPerSecond = dongle::kLineBytesPerSecond / 4;
+    open();
+    ASSERT_EQ(connectAll(), VELMORA_OK);
+    host.reset();
+    host = std::make_unique<velmora::Dongle>(path);
+    ASSERT_TRUE(readUntil([&] { return seen.count(VELMORA_EVENT_CONNECTED) == 2; }));
+    EXPECT_EQ(seen.events[0].bytes[0], 0) << "nobody has said its address";
+    EXPECT_EQ(host->headsets().at(0).connected, 1);
+    EXPECT_STREQ(host->headsets().at(0).address, "");
+    EXPECT_EQ(statusOf([&] { host->scan(1s); }), VELMORA_BUSY);
+    host->start();
+    ASSERT_TRUE(readUntil([&] { return seen.raw[0] > 5 && seen.raw[1] > 5; }));
+    host->dropAll();
+    EXPECT_EQ(host->scan(10s).size(), 2u);
+}
+
+TEST_F(SessionTest, AScanThatWasGivenUpDoesNotEndTheNext) {
+    settings.replies.scanDuration = 400ms;
+    open();
+    EXPECT_EQ(statusOf([&] { host->scan(1ms); }), VELMORA_TIMEOUT);
+    velmora::Cancel cancel;
+    cancel.raise();
+    EXPECT_EQ(statusOf([&] { host->scan(20s, &cancel); }), VELMORA_CANCELLED);
+    EXPECT_EQ(host->scan(20s).size(), 2u);
+    // The dongle is silent about its scan: an end that comes later belongs to nothing.
+    settings.replies.scan = false;
+    setReplies();
+    EXPECT_EQ(statusOf([&] { host->scan(30ms); }), VELMORA_TIMEOUT);
+    engine([&](dongle::Engine& e) { e.sendRaw("A1B2C3D4E5F6,1 XAI-99\nFinish scan\r\n"); });
+    std::this_thread::sleep_for(20ms);
+    settings.replies.scan = true;
+    setReplies();
+    EXPECT_EQ(host->scan(20s).size(), 2u);
+}
+
+TEST_F(SessionTest, ARestartEndsWhatIsGoingOnAndTheHandleGoesOn) {
+    settings.replies.scanDuration = 20s;
+    open();
+    const auto restartAt = [&](std::string_view request) {
+        return std::thread([this, request] {
+            EXPECT_TRUE(eventually([&] { return requests(request) > 0; }));
+            engine([](dongle::Engine& e) { e.restart(); });
+        });
+    };
+    std::thread restarter = restartAt("AT+SCAN");
+    EXPECT_EQ(statusOf([&] { host->scan(20s); }), VELMORA_RESTARTED);
+    restarter.join();
+    settings.replies.connectEnd = false;
+    setReplies();
+    restarter = restartAt("AT+GRPCONN");
+    EXPECT_EQ(statusOf([&] { connectAll(); }), VELMORA_RESTARTED);
+    restarter.join();
+    settings.replies.connectEnd = true;
+    setReplies();
+    host->start();
+    for (std::size_t round = 1; round <= 3; ++round) {
+        ASSERT_EQ(connectAll(), VELMORA_OK);
+        seen.raw.clear();
+        ASSERT_TRUE(readUntil([&] { return seen.raw[0] > 2 && seen.raw[1] > 2; })) << "the numbers stay";
+        engine([](dongle::Engine& e) { e.restart(); });
+        ASSERT_TRUE(readUntil([&] { return seen.count(VELMORA_EVENT_RESTARTED) == round + 2; }));
+        EXPECT_EQ(host->headsets().at(0).connected, 0);
+    }
+    EXPECT_EQ(host->headsets().size(), 2u);
+}
+
+TEST_F(SessionTest, AHostThatDoesNotReadLosesTheNewestAndLearnsHowMany) {
+    settings.line.fillBytesPerSecond = dongle::kLineBytesPerSecond;
+    open({.queueCapacity = 50});
+    host->start();
+    ASSERT_EQ(connectAll(), VELMORA_OK);
+    ASSERT_TRUE(eventually([&] { return host->statistics().queue_dropped > 100; }));
+    engine([](dongle::Engine& e) { e.disconnect(2); });
+    ASSERT_TRUE(eventually([&] { return host->headsets().at(1).connected == 0; }));
+    host->stop();
+    const std::uint64_t dropped = host->statistics().queue_dropped;
+    std::vector<velmora_record> records(1000);
+    const auto batch = host->read(records, 0);
+    for (std::size_t i = 0; i < batch.records.size(); ++i) {
+        seen.take(batch.records[i]);
+        EXPECT_EQ(batch.records[i].kind == VELMORA_EVENT && batch.records[i].code == VELMORA_EVENT_OVERRUN, i == 50);
+    }
+    EXPECT_EQ(seen.count(VELMORA_EVENT_DISCONNECTED), 1u);
+    EXPECT_EQ(seen.count(VELMORA_EVENT_CONNECTED), 2u);
+    EXPECT_EQ(host->statistics().queue_dropped, dropped);
+    EXPECT_EQ(host->statistics().queue_largest, batch.records.size());
+    std::uint64_t byChannel = 0;
+    for (int headset = 0; headset < 2; ++headset) {
+        for (const velmora_channel_statistics& channel : host->statistics(headset).channels) {
+            byChannel += channel.dropped;
+        }
+    }
+    EXPECT_EQ(byChannel, dropped);
+}
+
+velmora::Cancel* raisedBySignal = nullptr;
+
+TEST_F(SessionTest, CancellingEndsTheCallThatItWasGivenTo) {
+    open();
+    ASSERT_EQ(connectAll(), VELMORA_OK);
+    velmora::Cancel reading;
+    velmora::Cancel requesting;
+    settings.replies.commands = false;
+    setReplies();
+    std::vector<velmora_record> records(10'000);
+    host->read(records, 0);
+    std::atomic<bool> requestEnded{false};
+    std::thread reader([&] { EXPECT_EQ(host->read(records, records.size(), {}, &reading).status, VELMORA_CANCELLED); });
+    std::thread requester([&] {
+        EXPECT_EQ(statusOf([&] { host->request(1, 3, {}, {}, &requesting); }), VELMORA_CANCELLED);
+        requestEnded = true;
+    });
+    raisedBySignal = &reading;
+    auto* const before = std::signal(SIGINT, [](int) { raisedBySignal->raise(); });
+    std::raise(SIGINT);
+    reading.raise();
+    reader.join();
+    std::signal(SIGINT, before);
+    EXPECT_FALSE(requestEnded);
+    requesting.raise();
+    requester.join();
+    // It stays raised, for calls that have not begun too, until it is reset.
+    EXPECT_EQ(host->read(records, 1, {}, &reading).status, VELMORA_CANCELLED);
+    reading.reset();
+    EXPECT_EQ(host->read(records, records.size(), 1ms, &reading).status, VELMORA_TIMEOUT);
+}
+
+TEST_F(SessionTest, ClosingEndsEverythingThatIsInside) {
+    settings.replies.commands = false;
+    settings.replies.connectEnd = false;
+    open();
+    host->start();
+    std::vector<velmora_record> records(10'000);
+    std::thread reader([&] {
+        EXPECT_EQ(host->read(records, records.size(), {}).status, VELMORA_OK) << "what came before is delivered";
+    });
+    std::thread connecter([&] { EXPECT_EQ(statusOf([&] { connectAll(); }), VELMORA_CLOSED); });
+    std::thread requester([&] { EXPECT_EQ(statusOf([&] { host->request(2, 3, {}, {}); }), VELMORA_CLOSED); });
+    std::vector<velmora_record> others(1);
+    EXPECT_TRUE(eventually([&] {
+        std::size_t got = 0;  // the reader is inside when a second one is refused
+        return velmora_read(host->get(), others.data(), sizeof others[0], 1, 0, 0, nullptr, &got) == VELMORA_BUSY &&
+               host->headsets().size() == 2 && host->statistics().commands == 1;
+    }));
+    EXPECT_EQ(statusOf([&] { host->scan(); }), VELMORA_BUSY);
+    std::thread closer([&] { host->close(); });
+    host->close();
+    for (std::thread* thread : {&reader, &connecter, &requester, &closer}) {
+        thread->join();
+    }
+    EXPECT_EQ(host->read(records, 1, {}).status, VELMORA_CLOSED);
+    EXPECT_EQ(statusOf([&] { host->scan(); }), VELMORA_CLOSED);
+    EXPECT_EQ(statusOf([&] { host->send(1, 1); }), VELMORA_CLOSED);
+    EXPECT_EQ(statusOf([&] { host->reopen(); }), VELMORA_CLOSED);
+    EXPECT_EQ(statusOf([&] { host->start(); }), VELMORA_CLOSED);
+    EXPECT_EQ(host->headsets().size(), 2u);
+}
+
+TEST_F(SessionTest, AProgramInCUsesIt) {
+    const char* const problem = use_velmora_from_c();
+    EXPECT_EQ(problem, nullptr) << problem;
+}
+
+TEST_F(SessionTest, OpenedAndClosedThousandsOfTimes) {
+    test::TestLine line = test::plugLine();
+    const int openings = test::linesCanHangUp() ? 10'000 : 300;  // emulated ports take twenty milliseconds to open
+    for (int i = 0; i < openings; ++i) {
+        velmora::Dongle dongle(line.hostPort);
+        if (i % 3 == 0) {
+            dongle.close();
+        }
+    }
+}
+
+}  // namespace

@@ -1,0 +1,180 @@
+#include <algorithm>
+#include <iostream>
+#include <memory>
+
+#include "cli/commands.h"
+#include "cli/failure.h"
+#include "cli/terminal.h"
+#include "cli/text.h"
+#include "record/local_time.h"
+
+namespace velmora::cli {
+namespace {
+
+constexpr double kRedrawSeconds = 0.25;
+constexpr double kPrintSeconds = 10;
+
+using record::Recording;
+
+std::vector<record::Headset> headsetsOf(const Reception& reception) {
+    std::vector<record::Headset> headsets;
+    for (const Headset& headset : reception.headsets()) {
+        headsets.push_back({headset.number, headset.address, printable(headset.name)});
+    }
+    return headsets;
+}
+
+record::Start startOf(const Reception& reception) {
+    const Dongle::Moment& moment = reception.started();
+    return {moment.time, moment.utc, record::localOffset(moment.utc)};
+}
+
+std::string marksText(const std::vector<Mark>& marks) {
+    std::string text;
+    for (const Mark& mark : marks) {
+        text += std::string(1, mark.key) + " " + mark.text + "   ";
+    }
+    return text + "Ctrl-C ends";
+}
+
+/// A recording with what is told of it on the way.
+class Recorder {
+  public:
+    Recorder(const RecordOptions& options, Reception& reception, Reporter& reporter)
+        : options_(options),
+          reception_(reception),
+          reporter_(reporter),
+          recording_(options.recording, headsetsOf(reception), startOf(reception), record::systemFiles(),
+                     velmora_version(), velmora_version(),
+                     [&reporter](const std::string& text) { reporter.warn(text); }),
+          keyboard_(options.marks.empty() ? nullptr : std::make_unique<Keyboard>()) {}
+
+    void take(std::span<const Record> records) { recording_.take(records); }
+
+    void tick() {
+        while (const auto key = keyboard_ ? keyboard_->poll() : std::nullopt) {
+            for (const Mark& mark : options_.marks) {
+                if (mark.key == *key) {
+                    recording_.mark(velmora_now(), mark.text);
+                    reporter_.say("marked at " + timeText(reception_.seconds()) + ": " + mark.text);
+                }
+            }
+        }
+        recording_.tick(velmora_now());
+        if (const auto unusual = recording_.unusualRates(); !unusual.empty()) {
+            std::string text;
+            for (const std::string& headset : unusual) {
+                text += (text.empty() ? "" : "; ") + headset;
+            }
+            throw Failure(kUsage,
+                          "the sample rate that was measured is none of the usual ones, so it has to be given "
+                          "with --rate: " +
+                              text);
+        }
+        showProgress();
+    }
+
+    /// Closes the files and says what is in them.
+    void finish() {
+        recording_.finish();
+        reporter_.endTable();
+        for (const record::HeadsetProgress& headset : recording_.progress().headsets) {
+            std::cout << (headset.file.empty() ? "no data" : headset.file) << ": "
+                      << headsetText(headset.headset.address, headset.headset.name) << ", " << fixed(headset.seconds, 1)
+                      << " s, " << headset.packets << " packets, lost " << lossText(headset.packets, headset.lost)
+                      << "\n";
+        }
+    }
+
+  private:
+    void showProgress() {
+        const double seconds = reception_.seconds();
+        if (seconds < due_) {
+            return;
+        }
+        due_ = seconds + (reporter_.showsTable() ? kRedrawSeconds : kPrintSeconds);
+        const record::Progress progress = recording_.progress();
+        const std::string line =
+            progressLine(progress, seconds, record::freeBytes(options_.recording.target.base + ".json"),
+                         static_cast<std::size_t>(consoleOfOutput().width));
+        if (reporter_.showsTable()) {
+            reporter_.show({line, marksText(options_.marks)});
+        } else {
+            reporter_.say(line);
+        }
+    }
+
+    const RecordOptions& options_;
+    Reception& reception_;
+    Reporter& reporter_;
+    Recording recording_;
+    const std::unique_ptr<Keyboard> keyboard_;
+    double due_ = 0.5;
+};
+
+}  // namespace
+
+std::string progressLine(const record::Progress& progress, double seconds, std::uint64_t freeBytes, std::size_t width) {
+    std::uint64_t packets = 0;
+    std::uint64_t lost = 0;
+    int battery = -1;
+    std::size_t connected = 0;
+    for (const record::HeadsetProgress& headset : progress.headsets) {
+        packets += headset.packets;
+        lost += headset.lost;
+        connected += headset.connected ? 1 : 0;
+        if (headset.battery >= 0 && (battery < 0 || headset.battery < battery)) {
+            battery = headset.battery;
+        }
+    }
+    const std::size_t all = progress.headsets.size();
+    const std::string on = (connected < all ? std::to_string(connected) + "/" : "") + std::to_string(all);
+    const auto join = [&](const char* headsets, const char* packetsWord) {
+        std::string line = timeText(seconds) + "  " + on + headsets + "  " + std::to_string(packets) + packetsWord +
+                           "  lost " + lossText(packets, lost) + "  " + sizeText(progress.bytes);
+        if (battery >= 0) {
+            line += "  batt " + std::to_string(battery);
+        }
+        if (freeBytes > 0) {
+            line += "  " + sizeText(freeBytes) + " free";
+        }
+        return line;
+    };
+    const std::string line = join(all == 1 ? " headset" : " headsets", " packets");
+    return line.size() < width ? line : join(" on", " pkts");
+}
+
+void recordCommand(const RecordOptions& options, Reporter& reporter) {
+    try {
+        // Before anything is connected: a name that cannot be used shall cost nothing.
+        record::systemFiles().check(options.recording.target.base + ".json",
+                                    options.recording.force ? record::IfExists::Overwrite : record::IfExists::Refuse);
+        Connection connection(options.choice.port, reporter);
+        connection.connect(options.choice);
+        Reception reception(connection, reporter, options.reception);
+        Recorder recorder(options, reception, reporter);
+        std::optional<Failure> failure;
+        try {
+            reception.run({[&](std::span<const Record> records) { recorder.take(records); }, [&] { recorder.tick(); }});
+        } catch (const Failure& problem) {
+            failure = problem;
+        } catch (const record::FileError& problem) {
+            failure = Failure(kNoOutput, problem.what());
+        }
+        try {
+            recorder.finish();
+        } catch (const record::FileError&) {
+            if (!failure) {
+                throw;
+            }
+        }
+        if (failure) {
+            throw *failure;
+        }
+        checkLosses(reception.views(), options.maxLoss);
+    } catch (const record::FileError& problem) {
+        throw Failure(kNoOutput, problem.what());
+    }
+}
+
+}  // namespace velmora::cli
