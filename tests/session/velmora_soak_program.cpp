@@ -32,6 +32,11 @@ using Clock = std::chrono::steady_clock;
 constexpr int kDongles = 4;
 constexpr std::uint64_t kPacketBytes = 242;    // with the shortest header
 constexpr std::uint64_t kGrowth = 16U << 20U;  // of memory, over the whole of it
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kMemoryIsOurs = false;  // a sanitizer keeps what has been given back, and books of every access
+#else
+constexpr bool kMemoryIsOurs = true;
+#endif
 
 class Pair {
   public:
@@ -173,7 +178,7 @@ int main(int argc, char** argv) {
     const std::uint64_t before = test::processMemory();
     std::this_thread::sleep_for(howLong - std::min(howLong / 3, 15s));
     const std::uint64_t after = test::processMemory();
-    bool good = after < before + kGrowth;
+    bool good = after < before + kGrowth || !kMemoryIsOurs;
     std::printf("memory: %llu, then %llu bytes: %s\n", static_cast<unsigned long long>(before),
                 static_cast<unsigned long long>(after), good ? "good" : "WRONG");
     for (int number = 0; number < kDongles; ++number) {
