@@ -32,6 +32,7 @@ struct velmora_dongle {
 namespace {
 
 using velmora::failure;
+using velmora::invalid;
 using velmora::Outcome;
 using velmora::Signal;
 using velmora::statusName;
@@ -72,10 +73,6 @@ velmora_status guarded(velmora_error* error, Call&& call) noexcept {
     } catch (...) {
         return VELMORA_NO_MEMORY;  // not even room for the text
     }
-}
-
-Outcome invalid(std::string text) {
-    return failure(VELMORA_INVALID, std::move(text));
 }
 
 Signal* signalOf(velmora_cancel* cancel) {

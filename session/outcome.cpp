@@ -2,6 +2,32 @@
 
 namespace velmora {
 
+Outcome cancelled() {
+    return failure(VELMORA_CANCELLED, "The call was cancelled.");
+}
+
+Outcome closed() {
+    return failure(VELMORA_CLOSED, "The handle is closed; open the dongle anew.");
+}
+
+Outcome gone() {
+    return failure(VELMORA_GONE, "The dongle was unplugged or its port hung up. Plug it in and call velmora_reopen.");
+}
+
+Outcome ending(velmora_status status) {
+    switch (status) {
+        case VELMORA_CLOSED:
+            return closed();
+        case VELMORA_GONE:
+            return gone();
+        case VELMORA_RESTARTED:
+            return failure(VELMORA_RESTARTED,
+                           "The dongle restarted and has forgotten its headsets; connect them again.");
+        default:
+            return {status};
+    }
+}
+
 const char* statusName(velmora_status status) {
     switch (status) {
         case VELMORA_OK:

@@ -22,6 +22,16 @@ inline Outcome failure(velmora_status status, std::string text, int systemCode =
     return {status, systemCode, std::move(text)};
 }
 
+inline Outcome invalid(std::string text) {
+    return failure(VELMORA_INVALID, std::move(text));
+}
+
+Outcome cancelled();
+Outcome closed();
+Outcome gone();
+/// What a status means that ended a wait.
+Outcome ending(velmora_status status);
+
 const char* statusName(velmora_status status);
 
 /// Copies a text into a member of a zeroed struct, cut to what it holds.

@@ -52,7 +52,8 @@ class Session : private Receiver::Listener {
     Outcome reopen(Clock::Time deadline, Signal* cancel);
     void close();
 
-    Outcome scan(const std::function<void(const velmora_found&)>& onFound, Clock::Time deadline, Signal* cancel);
+    using OnFound = std::function<void(const velmora_found&)>;
+    Outcome scan(const OnFound& onFound, Clock::Time deadline, Signal* cancel);
     /// Fills in what the elements say of the result.
     Outcome connect(std::span<velmora_wanted> wanted, bool allowUnproved, Clock::Time deadline, Signal* cancel);
     Outcome drop(const std::string& address, Clock::Time deadline, Signal* cancel);
@@ -86,6 +87,7 @@ class Session : private Receiver::Listener {
 
     Outcome openPort(const std::string& path);
     std::optional<std::string> whereItIs() const;
+    Outcome openWhereItIs();
     void readUntilEnd();
     void lineIsGone(Nanoseconds now);
 
@@ -93,7 +95,6 @@ class Session : private Receiver::Listener {
     Outcome write(std::span<const std::uint8_t> bytes, const Signal* cancel, Nanoseconds* when = nullptr);
     Outcome writeCommand(std::span<const std::uint8_t> bytes, const Signal* cancel, Request* request);
     Outcome writeText(std::string_view text, const Signal* cancel);
-    Outcome await(Clock::Time deadline, Signal* cancel, const std::function<void(const velmora_found&)>& onFound);
     void endRequest(std::size_t index, velmora_status reason);
     void endAllWaiting(velmora_status reason);
     void log(std::string_view what, std::string_view text) const;
