@@ -68,9 +68,9 @@ bool bridged(int loss) {
 }
 
 template <typename Rules>
-class FramePass {
+class FrameParser {
   public:
-    FramePass(const DecoderTables& tables, const Rules& rules, std::span<const std::uint8_t> bytes)
+    FrameParser(const DecoderTables& tables, const Rules& rules, std::span<const std::uint8_t> bytes)
         : tables_(tables), rules_(rules), bytes_(bytes) {}
 
     std::size_t run() const {
@@ -272,12 +272,12 @@ class FramePass {
 
 std::size_t decodeDeviceFrames(const DecoderTables& tables, int device, std::span<const std::uint8_t> bytes) {
     const DeviceRules rules{device};
-    return FramePass<DeviceRules>(tables, rules, bytes).run();
+    return FrameParser<DeviceRules>(tables, rules, bytes).run();
 }
 
 std::size_t decodeDirectFrames(const DecoderTables& tables, std::span<std::uint8_t> bytes) {
     const DirectRules rules{bytes.data()};
-    return FramePass<DirectRules>(tables, rules, bytes).run();
+    return FrameParser<DirectRules>(tables, rules, bytes).run();
 }
 
 }  // namespace kxorbeta_if

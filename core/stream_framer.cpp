@@ -13,9 +13,9 @@ namespace kxorbeta_if {
 namespace {
 
 using protocol::DataHeader;
-using protocol::kDataMarker;
-using protocol::kFarthestMark;
+using protocol::kFarthestDelimiter;
 using protocol::kShortestDataFrame;
+using protocol::kSyncWord;
 
 constexpr std::size_t kSkippedForLog = 128;
 
@@ -23,7 +23,7 @@ int asInt(std::size_t count) {
     return static_cast<int>(count);
 }
 
-/// Bytes that were passed over since the last frame, for one record of them all. An object of its own, so that the walk
+/// Bytes that were skipped since the last frame, for one record of them all. An object of its own, so that the walk
 /// itself can live in registers.
 class SkippedBytes {
   public:
@@ -100,7 +100,7 @@ class BlockWalk {
   private:
     std::size_t left() const { return block_.size() - position_; }
     std::span<const std::uint8_t> rest() const { return block_.subspan(position_); }
-    bool syncWordAt(std::size_t place) const { return protocol::isDataMarker(block_.data() + place); }
+    bool syncWordAt(std::size_t place) const { return protocol::isSyncWord(block_.data() + place); }
 
     /// Moves to the next frame with a valid header that is not plain, or that has bytes without a
     /// frame before it. False when the block ended first; its rest is then dealt with.
@@ -118,7 +118,7 @@ class BlockWalk {
                 history_.clear();
                 return false;
             }
-            if (delimiter - position_ > kFarthestMark) {
+            if (delimiter - position_ > kFarthestDelimiter) {
                 KX_LOG(verbosity::kWarning, "Parse data error, sync lost 3.");
                 ++position_;
                 continue;
@@ -169,7 +169,7 @@ class BlockWalk {
 
     bool readHeader(std::size_t delimiter, DataHeader& header) const {
         const std::string_view text =
-            asText(block_.subspan(position_ + kDataMarker.size(), delimiter - position_ - kDataMarker.size()));
+            asText(block_.subspan(position_ + kSyncWord.size(), delimiter - position_ - kSyncWord.size()));
         switch (protocol::readHeaderText(text, header)) {
             case protocol::HeaderText::kNoColon:
                 KX_LOG(verbosity::kWarning, "Parse data error, convert frame len failed2.");
@@ -186,7 +186,7 @@ class BlockWalk {
     void take(const DataHeader& header) {
         tables_.deviceStreams.emptyIfRequested();
         if (header.device < 0 || header.device >= kDeviceSlots) {
-            return;  // no headset has that number; the frame is passed over whole
+            return;  // no headset has that number; the frame is skipped whole
         }
         const auto payload = block_.subspan(position_ + header.length, header.payload);
         if (rawDump_) {

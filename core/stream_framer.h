@@ -25,7 +25,7 @@ class History {
 /// Cuts the dongle's data frames out of blocks of the byte stream and decodes their payloads.
 ///
 /// A frame is "AT+DAT", the headset's index in decimal, ':', the payload's length in decimal, '#', the payload.
-/// Whatever is not a frame is passed over byte by byte; an incomplete frame at the end of a block goes to the history.
+/// Whatever is not a frame is skipped byte by byte; an incomplete frame at the end of a block goes to the history.
 /// Work is linear in the length of the block, whatever it holds.
 ///
 /// Not thread-safe; belongs to the thread that decodes, on which the callbacks are called and which has claimed the

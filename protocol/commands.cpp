@@ -60,12 +60,12 @@ std::string_view commandTarget(std::uint32_t headset) {
 }
 
 CommandEnvelope commandEnvelope(std::uint32_t headset, const CommandFrame& frame) {
-    constexpr std::string_view kMarker = "AT+CTL";
+    constexpr std::string_view kPrefix = "AT+CTL";
     const std::string_view target = commandTarget(headset);
     const auto content = frame.bytes();
     CommandEnvelope envelope;
-    const auto bytes = envelope.resize(kMarker.size() + target.size() + 1 + content.size());
-    auto next = std::copy(kMarker.begin(), kMarker.end(), bytes.begin());
+    const auto bytes = envelope.resize(kPrefix.size() + target.size() + 1 + content.size());
+    auto next = std::copy(kPrefix.begin(), kPrefix.end(), bytes.begin());
     next = std::copy(target.begin(), target.end(), next);
     *next++ = ':';
     std::copy(content.begin(), content.end(), next);

@@ -12,10 +12,10 @@
 /// in decimal, '#', the payload.
 namespace protocol {
 
-inline constexpr std::string_view kDataMarker = "AT+DAT";
+inline constexpr std::string_view kSyncWord = "AT+DAT";
 inline constexpr std::size_t kShortestDataFrame = 10;  ///< sync word, two one-digit numbers, ':' and '#'
-inline constexpr std::size_t kFarthestMark = 16;       ///< '#' counted from the frame's first byte
-inline constexpr std::size_t kLongestHeader = kFarthestMark + 1;
+inline constexpr std::size_t kFarthestDelimiter = 16;  ///< '#' counted from the frame's first byte
+inline constexpr std::size_t kLongestHeader = kFarthestDelimiter + 1;
 
 struct DataHeader {
     std::size_t length = 0;   ///< up to and with the '#'
@@ -24,18 +24,18 @@ struct DataHeader {
 };
 
 /// Whether the sync word stands at `bytes`, which are at least as many.
-inline bool isDataMarker(const std::uint8_t* bytes) {
-    return std::memcmp(bytes, kDataMarker.data(), kDataMarker.size()) == 0;
+inline bool isSyncWord(const std::uint8_t* bytes) {
+    return std::memcmp(bytes, kSyncWord.data(), kSyncWord.size()) == 0;
 }
 
 /// Reads a header that has digits, and nothing else, on both sides of the ':': the road of every
 /// undamaged frame. False for any other. kLongestHeader bytes lie at `start`.
 inline bool readPlainHeader(const std::uint8_t* start, DataHeader& header) {
-    if (!isDataMarker(start)) {
+    if (!isSyncWord(start)) {
         return false;
     }
-    const std::uint8_t* const last = start + kFarthestMark;
-    const std::uint8_t* next = start + kDataMarker.size();
+    const std::uint8_t* const last = start + kFarthestDelimiter;
+    const std::uint8_t* next = start + kSyncWord.size();
     // At most ten digits stand before the farthest delimiter, nine of them beside a ':', so nothing overflows.
     const auto number = [&] {
         std::uint32_t value = 0;
@@ -70,7 +70,7 @@ inline HeaderText readHeaderText(std::string_view text, DataHeader& header) {
     if (payload < 0) {
         return HeaderText::kNegativeLength;
     }
-    header.length = kDataMarker.size() + text.size() + 1;
+    header.length = kSyncWord.size() + text.size() + 1;
     header.device = kxorbeta_if::leadingNumber(text.substr(0, colon)).value_or(0);
     header.payload = static_cast<std::size_t>(payload);
     return HeaderText::kRead;

@@ -6,11 +6,11 @@ using kxorbeta_if::isHexText;
 using kxorbeta_if::leadingNumber;
 
 std::optional<ConnectionReport> readConnectionReport(std::string_view line) {
-    const std::size_t marker = line.find(reply::kServiceConnected);
-    if (marker == std::string_view::npos) {
+    const std::size_t keyword = line.find(reply::kServiceConnected);
+    if (keyword == std::string_view::npos) {
         return std::nullopt;
     }
-    const std::size_t start = line.find_first_not_of(' ', marker + reply::kServiceConnected.size());
+    const std::size_t start = line.find_first_not_of(' ', keyword + reply::kServiceConnected.size());
     if (start == std::string_view::npos) {
         return std::nullopt;  // a report that names nobody
     }
@@ -26,11 +26,11 @@ std::optional<ConnectionReport> readConnectionReport(std::string_view line) {
 }
 
 std::optional<std::string_view> readDisconnectionReport(std::string_view text) {
-    const std::size_t marker = text.find(reply::kClientDisconnected);
-    if (marker == std::string_view::npos) {
+    const std::size_t keyword = text.find(reply::kClientDisconnected);
+    if (keyword == std::string_view::npos) {
         return std::nullopt;
     }
-    const std::size_t comma = text.find(',', marker);
+    const std::size_t comma = text.find(',', keyword);
     if (comma == std::string_view::npos) {
         return std::nullopt;
     }
@@ -44,11 +44,11 @@ std::optional<std::string_view> readDisconnectionReport(std::string_view text) {
 }
 
 std::optional<ListReply> readListReply(std::string_view text) {
-    const std::size_t marker = text.find(reply::kListPrefix);
-    if (marker == std::string_view::npos) {
+    const std::size_t keyword = text.find(reply::kListPrefix);
+    if (keyword == std::string_view::npos) {
         return std::nullopt;
     }
-    const std::string_view list = text.substr(marker + reply::kListPrefix.size());
+    const std::string_view list = text.substr(keyword + reply::kListPrefix.size());
     return ListReply{list.starts_with("none"), list.substr(0, list.find('\n'))};
 }
 

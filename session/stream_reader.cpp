@@ -4,7 +4,7 @@ namespace velmora {
 
 using protocol::DataHeader;
 using protocol::FrameKind;
-using protocol::kDataMarker;
+using protocol::kSyncWord;
 
 std::span<std::uint8_t> StreamReader::room() {
     if (buffer_.size() - end_ < kReadRoom) {
@@ -17,13 +17,13 @@ void StreamReader::compact() {
     std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_),
               buffer_.begin() + static_cast<std::ptrdiff_t>(end_), buffer_.begin());
     std::size_t kept = 0;
-    for (std::size_t i = mark_; i < markCount_; ++i) {
-        if (marks_[i].end > begin_) {
-            marks_[kept++] = {marks_[i].end - begin_, marks_[i].time};
+    for (std::size_t i = read_; i < readCount_; ++i) {
+        if (reads_[i].end > begin_) {
+            reads_[kept++] = {reads_[i].end - begin_, reads_[i].time};
         }
     }
-    markCount_ = kept;
-    mark_ = 0;
+    readCount_ = kept;
+    read_ = 0;
     end_ -= begin_;
     begin_ = 0;
 }
@@ -47,16 +47,16 @@ void StreamReader::reset() {
     dropAllPending();
     counts_.strayBytes += end_ - begin_;
     giveUpText();
-    begin_ = end_ = markCount_ = mark_ = 0;
+    begin_ = end_ = readCount_ = read_ = 0;
     deadline_ = kNever;
 }
 
 /// The time of the read that brought the byte before `end`.
 std::int64_t StreamReader::arrivalOf(std::size_t end) {
-    while (marks_[mark_].end < end) {
-        ++mark_;
+    while (reads_[read_].end < end) {
+        ++read_;
     }
-    return marks_[mark_].time;
+    return reads_[read_].time;
 }
 
 /// The same as headerAt() where the bytes may end before the header does.
@@ -70,7 +70,7 @@ StreamReader::Found StreamReader::headerNearEnd(const std::uint8_t* bytes, std::
     }
     constexpr std::string_view kContinuations[] = {"AT+DAT0:0#", "0:0#", ":0#", "0#", "#"};
     for (const std::string_view continuation : kContinuations) {
-        const std::string_view more = left < kDataMarker.size() ? continuation.substr(left) : continuation;
+        const std::string_view more = left < kSyncWord.size() ? continuation.substr(left) : continuation;
         if (left + more.size() > padded.size() || left + more.size() < protocol::kShortestDataFrame) {
             continue;
         }
@@ -81,7 +81,7 @@ StreamReader::Found StreamReader::headerNearEnd(const std::uint8_t* bytes, std::
             header.length == left + more.size()) {
             return Found::kPartial;
         }
-        if (left < kDataMarker.size()) {
+        if (left < kSyncWord.size()) {
             break;
         }
     }
@@ -118,7 +118,7 @@ StreamReader::Found StreamReader::textAt(std::size_t place) const {
 bool StreamReader::holdsHeader(const std::uint8_t* bytes, std::size_t size) const {
     const std::uint8_t* const end = bytes + size;
     for (const std::uint8_t* at = bytes; at < end; ++at) {
-        at = static_cast<const std::uint8_t*>(std::memchr(at, kDataMarker[0], static_cast<std::size_t>(end - at)));
+        at = static_cast<const std::uint8_t*>(std::memchr(at, kSyncWord[0], static_cast<std::size_t>(end - at)));
         if (at == nullptr) {
             return false;
         }

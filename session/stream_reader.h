@@ -86,7 +86,7 @@ class StreamReader {
     /// is damage. kNever while nothing waits.
     std::int64_t deadline() const { return deadline_; }
 
-    /// Scan lines carry no mark and count only while this is set.
+    /// Scan lines carry no keyword and count only while this is set.
     void setScanning(bool scanning) { scanning_ = scanning; }
 
     /// Gives up a headset frame whose rest has not come: the headset left, or another has its index.
@@ -114,7 +114,7 @@ class StreamReader {
     };
 
     /// What one read brought ends at `end` in the buffer.
-    struct Mark {
+    struct Read {
         std::size_t end;
         std::int64_t time;
     };
@@ -139,7 +139,7 @@ class StreamReader {
     void emitText(TextKind kind, std::string_view text, Sink& sink);
 
     static Found headerAt(const std::uint8_t* bytes, std::size_t left, protocol::DataHeader& header) {
-        if (left == 0 || *bytes != static_cast<std::uint8_t>(protocol::kDataMarker[0])) {
+        if (left == 0 || *bytes != static_cast<std::uint8_t>(protocol::kSyncWord[0])) {
             return Found::kNone;
         }
         if (left < protocol::kLongestHeader) [[unlikely]] {
@@ -149,7 +149,7 @@ class StreamReader {
     }
     /// Both numbers are there and within their limits.
     static bool isPossible(const std::uint8_t* bytes, const protocol::DataHeader& header) {
-        return bytes[protocol::kDataMarker.size()] != ':' && bytes[header.length - 2] != ':' &&
+        return bytes[protocol::kSyncWord.size()] != ':' && bytes[header.length - 2] != ':' &&
                header.device < protocol::kHeadsets && header.payload <= kLongestPayload;
     }
     static Found headerNearEnd(const std::uint8_t* bytes, std::size_t left, protocol::DataHeader& header);
@@ -168,9 +168,9 @@ class StreamReader {
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
 
-    std::array<Mark, 512> marks_;
-    std::size_t markCount_ = 0;
-    std::size_t mark_ = 0;  // the one that holds what was last asked for; places are asked for in ascending order
+    std::array<Read, 512> reads_;
+    std::size_t readCount_ = 0;
+    std::size_t read_ = 0;  // the one that holds what was last asked for; places are asked for in ascending order
 
     std::int64_t deadline_ = kNever;
     std::int64_t stallEnded_ = std::numeric_limits<std::int64_t>::min();
@@ -192,10 +192,10 @@ void StreamReader::received(std::size_t count, std::int64_t now, bool stalled, S
     if (count > 0) {
         end_ += count;
         counts_.bytes += count;
-        if (markCount_ == marks_.size()) {
-            --markCount_;  // the last two reads become one
+        if (readCount_ == reads_.size()) {
+            --readCount_;  // the last two reads become one
         }
-        marks_[markCount_++] = {end_, now};
+        reads_[readCount_++] = {end_, now};
     }
     parse(now, sink);
 }
@@ -222,7 +222,7 @@ void StreamReader::parse(std::int64_t now, Sink& sink) {
                 const Found text = nextState == Found::kNone ? textAt(behind) : nextState;
                 fits = text == Found::kWhole || !holdsHeader(bytes + header.length, header.payload);
                 if (!fits && text == Found::kPartial) {
-                    const std::int64_t since = std::max(marks_[markCount_ - 1].time, stallEnded_);
+                    const std::int64_t since = std::max(reads_[readCount_ - 1].time, stallEnded_);
                     if (now - since < kDoubt) {
                         deadline_ = since + kDoubt;
                         return;
@@ -253,7 +253,7 @@ void StreamReader::parse(std::int64_t now, Sink& sink) {
         takeTextByte(*bytes, sink);
     }
     deadline_ = kNever;
-    begin_ = end_ = markCount_ = mark_ = 0;
+    begin_ = end_ = readCount_ = read_ = 0;
 }
 
 template <typename Sink>

@@ -44,9 +44,9 @@ TEST(ReportRouter, HandsTextToTheHandlersOfAllReportsInIt) {
         bool restarted = false;
     } cases[] = {
         {.what = "nothing", .chunk = "Service conn, AT+LIS, Client disc, Boot", .log = {}},
-        {.what = "whole chunk is the marker", .chunk = "Bootup", .log = {}, .restarted = true},
+        {.what = "whole chunk is the text", .chunk = "Bootup", .log = {}, .restarted = true},
         {.what = "restart in the middle", .chunk = "x Bootup\n", .log = {}, .restarted = true},
-        {.what = "the marker ends the chunk", .chunk = "x Bootup", .log = {}},
+        {.what = "the text ends the chunk", .chunk = "x Bootup", .log = {}},
         {.what = "left", .chunk = left + "\n", .log = leftLog},
         {.what = "list", .chunk = list + "\n", .log = listLog},
         {.what = "joined", .chunk = kReport, .log = joinedLog},

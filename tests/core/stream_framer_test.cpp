@@ -47,8 +47,8 @@ std::string invalidHeaderAtEnd(int left) {
     return "0 No payload, Left data. " + std::to_string(left) + "\n";
 }
 const std::string kWaitedInVain = "-1 Parse sync error was not fixed.\n";
-const std::string kNoMark = "-1 Parse data error, no # mark.\n";
-const std::string kMarkTooFar = "-1 Parse data error, sync lost 3.\n";
+const std::string kNoDelimiter = "-1 Parse data error, no # mark.\n";
+const std::string kDelimiterTooFar = "-1 Parse data error, sync lost 3.\n";
 const std::string kNoColon = "-1 Parse data error, convert frame len failed2.\n";
 const std::string kNegativeLength = "-1 Parse data error, convert frame len failed.\n";
 
@@ -71,20 +71,20 @@ TEST(StreamFramer, HeadersHistoryAndSyncErrorState) {
         {.block = "AT+DAT2x:8:9#" + kPayload, .trace = headerRead(13, 8, 21) + battery(2)},
         {.block = "AT+DATx:-#" + kFrame, .trace = headerRead(10, 0, 28) + frameTaken(18)},
         {.block = "AT+DAT00002:0008#" + kPayload, .trace = headerRead(17, 8, 25) + battery(2)},
-        {.block = "AT+DAT000002:0008#" + kPayload + kFrame, .trace = kMarkTooFar + lost(25) + frameTaken(18)},
+        {.block = "AT+DAT000002:0008#" + kPayload + kFrame, .trace = kDelimiterTooFar + lost(25) + frameTaken(18)},
         {.block = "AT+DAT28#" + kFrame, .trace = kNoColon + lost(8) + frameTaken(18)},
         {.block = "AT+DAT#" + kFrame, .trace = kNoColon + lost(6) + frameTaken(18)},
         {.block = "AT+DAT2:-8#" + kFrame, .trace = kNegativeLength + lost(10) + frameTaken(18)},
         {.block = "AT+DAT" + kFrame, .trace = headerRead(16, 8, 24) + battery(0)},
-        // Headsets 0 to 15; frames of others are passed over whole.
+        // Headsets 0 to 15; frames of others are skipped whole.
         {.block = "AT+DAT15:8#" + kPayload, .trace = headerRead(11, 8, 19) + battery(15)},
         {.block = "AT+DAT16:8#" + kPayload + kFrame, .trace = headerRead(11, 8, 37) + frameTaken(18)},
         {.block = "AT+DAT-1:8#" + kPayload + kFrame, .trace = headerRead(11, 8, 37) + frameTaken(18)},
         {.block = "AT+DAT99999999:8#" + kPayload + kFrame, .trace = headerRead(17, 8, 43) + frameTaken(18)},
-        // A search that meets the end or a zero byte before a mark gives the rest up.
-        {.block = kFrame + "AT+DAT2:8 8 8 8 8", .trace = frameTaken(35) + kNoMark, .history = ""},
-        {.block = "xAT+DAT2:\0008#"s + kFrame, .trace = kNoMark, .history = ""},
-        {.block = "AT+DAT2:8..", .trace = kNoMark, .history = "", .before = kWaited, .after = kWaited},
+        // A search that meets the end or a zero byte before a delimiter gives the rest up.
+        {.block = kFrame + "AT+DAT2:8 8 8 8 8", .trace = frameTaken(35) + kNoDelimiter, .history = ""},
+        {.block = "xAT+DAT2:\0008#"s + kFrame, .trace = kNoDelimiter, .history = ""},
+        {.block = "AT+DAT2:8..", .trace = kNoDelimiter, .history = "", .before = kWaited, .after = kWaited},
         // What is incomplete is kept.
         {.block = kFrame, .trace = frameTaken(18), .before = kWaited},
         {.block = "AT+DAT2:99999999#1",
@@ -228,7 +228,7 @@ TEST(StreamFramer, TruncatedStreamsGiveWhatIsComplete) {
             SCOPED_TRACE(testing::Message() << "framed " << framed << ", " << length << " bytes");
             const auto last =
                 std::find_if(complete.rbegin(), complete.rend(), [&](const auto& end) { return end.first <= length; });
-            // What is left of a frame is kept, except a header whose mark is missing although there was room for it.
+            // What is left of a frame is kept, except a header whose delimiter is missing although there was room for it.
             Bytes kept = part(stream, last->first, length);
             if (framed && kept.size() >= 10 && std::find(kept.begin(), kept.end(), '#') == kept.end()) {
                 kept.clear();

@@ -60,7 +60,7 @@ class LinkThreadTest : public test::Scenario {
         return clock_.eventually([&] { return values() == expected; });
     }
 
-    /// Lets what was delivered before be read: a marker frame behind it has arrived.
+    /// Lets what was delivered before be read: a frame behind it has arrived.
     void settle() {
         const std::size_t before = received.batteryCount();
         deliver(asString(test::envelope(9, test::batteryFrame(1, 1))));
@@ -68,7 +68,7 @@ class LinkThreadTest : public test::Scenario {
     }
 };
 
-TEST_F(LinkThreadTest, CommandsLeaveOneByOneWithThirtyPassesBetween) {
+TEST_F(LinkThreadTest, CommandsLeaveOneByOneWithThirtyIterationsBetween) {
     connectAndRecord();
     const auto begin = clock_.now();
     const Bytes longest(511, 'x');
@@ -77,7 +77,7 @@ TEST_F(LinkThreadTest, CommandsLeaveOneByOneWithThirtyPassesBetween) {
     context_.commandQueue.push(longest);
     context_.commandQueue.push(std::vector<std::uint8_t>{'z'});
     ASSERT_TRUE(clock_.eventually([&] { return log.has("0 Cmd: 7A"); }));
-    // Two waits of 31 quiet passes lie between the three, and at most one before them: the command that is dropped
+    // Two waits of 31 quiet iterations lie between the three, and at most one before them: the command that is dropped
     // takes its turn as well.
     EXPECT_GE(clock_.now() - begin, 2 * 31 * 20ms);
     EXPECT_LE(clock_.now() - begin, 3 * 31 * 20ms);
@@ -131,7 +131,7 @@ TEST_F(LinkThreadTest, AThreadBeginsAfreshWhateverTheLastOneLeft) {
     EXPECT_TRUE(context_.receiveTables.deviceStreams[9].empty()) << "no thread owns the queues any more";
 }
 
-TEST_F(LinkThreadTest, APassThatFailsCostsItsBlockAndNoMore) {
+TEST_F(LinkThreadTest, AnIterationThatFailsCostsItsBlockAndNoMore) {
     connectAndRecord();
     static std::atomic<bool> thrown;
     thrown = false;
@@ -145,7 +145,7 @@ TEST_F(LinkThreadTest, APassThatFailsCostsItsBlockAndNoMore) {
     ASSERT_TRUE(clock_.eventually([] { return thrown.load(); }));
     received.install(context_.callbacks);
     deliver(envelope(1, 1, 22));
-    EXPECT_TRUE(receives({22})) << "the history of the failed pass is gone with it";
+    EXPECT_TRUE(receives({22})) << "the history of the failed iteration is gone with it";
 }
 
 TEST_F(LinkThreadTest, ARestartEndsTheThreadWithoutACallback) {
@@ -165,7 +165,7 @@ TEST_F(LinkThreadTest, ARestartEndsTheThreadWithoutACallback) {
     EXPECT_FALSE(received.hasEvent(5));
 }
 
-TEST_F(LinkThreadTest, AThreadThatIsNotWantedAnyMoreStopsBeforeItsFirstPass) {
+TEST_F(LinkThreadTest, AThreadThatIsNotWantedAnyMoreStopsBeforeItsFirstIteration) {
     start();
     context_.flags.linkActive = false;
     startLinkThread(context_);
@@ -199,7 +199,7 @@ TEST_F(LinkThreadTest, APortThatIsClosedUnderTheThreadStopsNothing) {
         } else {
             context_.port.close();
         }
-        // Failing reads return at once, yet a pass keeps its 20 ms, and commands their 31 passes.
+        // Failing reads return at once, yet an iteration keeps its 20 ms, and commands their 31 iterations.
         const auto begin = clock_.now();
         context_.commandQueue.push(std::vector<std::uint8_t>{'a'});
         context_.commandQueue.push(std::vector<std::uint8_t>{'b'});

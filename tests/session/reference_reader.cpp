@@ -43,8 +43,8 @@ bool mayBegin(const std::string& s) {
 }  // namespace
 
 ReferenceReader::Header ReferenceReader::headerAt(std::string_view text) {
-    const std::string_view s = text.substr(0, 17), marker = "AT+DAT";
-    if (s.empty() || s.substr(0, 6) != marker.substr(0, s.size())) {
+    const std::string_view s = text.substr(0, 17), syncWord = "AT+DAT";
+    if (s.empty() || s.substr(0, 6) != syncWord.substr(0, s.size())) {
         return {};
     }
     std::array<unsigned long, 2> numbers{};

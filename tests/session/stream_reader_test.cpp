@@ -57,7 +57,7 @@ std::vector<Case> cases() {
         {"a text of its own behind the beginning of another",
          joined({bytesOf("Service"), envelope(1, battery), bytesOf("Bootup\r\nClient disconnected,A1B2C3D4E5F6,19\n")}),
          frameLine(1, 2, battery) + "text 1 Bootup\ntext 5 Client disconnected,A1B2C3D4E5F6,19\n", 7},
-        {"texts that only contain the marker",
+        {"texts that only contain the sync word",
          bytesOf("AT+DATA\nx AT+DAT16:8#\nAT+DAT1:10241#\nAT+DAT:#\nAT+DAT 1:8#\n"),
          "text 8 AT+DATA\ntext 8 x AT+DAT16:8#\ntext 8 AT+DAT1:10241#\ntext 8 AT+DAT:#\ntext 8 AT+DAT 1:8#\n", 0},
         {"scan lines during a scan", bytesOf("Start scan\r\nA1B2C3D4E5F6,1 XAI-07\r\nFinish scan\r\n"),
