@@ -39,8 +39,24 @@ std::optional<std::size_t> HeadsetTable::findOrAdd(std::string_view address) {
     return number;
 }
 
+/// Whom a report of an address at an index means. One that nobody has met is the headset whose data was there already.
+std::optional<std::size_t> HeadsetTable::findReported(std::string_view address, int index) {
+    const auto place = static_cast<std::size_t>(index);
+    const int stranger = strangers_[place];
+    if (stranger == kNobody || owners_[place] != stranger || find(address)) {
+        return findOrAdd(address);
+    }
+    Headset& headset = headsets_[static_cast<std::size_t>(stranger)];
+    if (!std::exchange(headset.connected, false)) {
+        return findOrAdd(address);
+    }
+    headset.address = address;  // connected() takes it in under its name
+    strangers_[place] = kNobody;
+    return static_cast<std::size_t>(stranger);
+}
+
 void HeadsetTable::connected(std::string_view address, int index) {
-    const std::optional<std::size_t> number = findOrAdd(address);
+    const std::optional<std::size_t> number = findReported(address, index);
     if (!number) {
         return;
     }

@@ -38,7 +38,8 @@ class HeadsetTable {
     /// `onChange` is called for each headset that connects or disconnects, when the table already says so.
     explicit HeadsetTable(OnChange onChange);
 
-    /// The dongle reports a headset at an index, 0 to 15. A report of what is known changes nothing.
+    /// The dongle reports a headset at an index, 0 to 15. A report of what is known changes nothing. A headset that was
+    /// inferred there keeps its number, and has connected under the address.
     void connected(std::string_view address, int index);
     /// It reports that one left. The index stays its own until somebody else takes it: data may still be on its way.
     void disconnected(std::string_view address);
@@ -71,6 +72,7 @@ class HeadsetTable {
 
     std::optional<std::size_t> find(std::string_view address) const;
     std::optional<std::size_t> findOrAdd(std::string_view address);
+    std::optional<std::size_t> findReported(std::string_view address, int index);
     int adopt(int index);
     void leave(std::size_t number);
 

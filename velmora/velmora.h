@@ -229,7 +229,9 @@ typedef struct velmora_open_options {
  *
  * A program that ended without velmora_drop_all leaves its headsets connected to the dongle, where they go on sending.
  * The handle infers that from data that arrives within two seconds of opening: such headsets are listed as connected,
- * without an address. A scan may not find them. See VELMORA_ALLOW_UNPROVED at velmora_drop_all.
+ * without an address. When the dongle then reports an address that the handle has not met for that index, the headset
+ * keeps its number and is told once more as connected. A scan may not find such headsets. See VELMORA_ALLOW_UNPROVED at
+ * velmora_drop_all.
  */
 VELMORA_PUBLIC velmora_status velmora_open(const char* path, const velmora_open_options* options,
                                            velmora_dongle** dongle, velmora_error* error);

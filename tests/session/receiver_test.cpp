@@ -65,6 +65,18 @@ class ReceiverTest : public testing::Test, protected velmora::Receiver::Listener
         return text;
     }
 
+    struct Step {
+        const char* what;
+        std::string said;
+        const char* events;
+    };
+    void expectEvents(std::initializer_list<Step> steps) {
+        for (const Step& step : steps) {
+            feed(step.said);
+            EXPECT_EQ(events(), step.events) << step.what;
+        }
+    }
+
     void conversationMoved() override { ++moved; }
     void responded(const velmora_record& response) override { response_ = response; }
     void left(int index) override { lastLeft = index; }
@@ -84,11 +96,7 @@ class ReceiverTest : public testing::Test, protected velmora::Receiver::Listener
 
 TEST_F(ReceiverTest, WhoIsConnectedAndUnderWhichNumber) {
     rest(3 * kSecond);  // what a program before this one left would have shown
-    const struct {
-        const char* what;
-        const char* said;
-        const char* events;
-    } steps[] = {
+    expectEvents({
         {"first", "Service connected. A00000000001,3\n", "+0@3A00000000001"},
         {"again", "Service connected. a00000000001,3\n", ""},
         {"another", "Service connected. B00000000002,4\n", "+1@4B00000000002"},
@@ -106,11 +114,7 @@ TEST_F(ReceiverTest, WhoIsConnectedAndUnderWhichNumber) {
         {"an empty list", "AT+LIST=none\n", "-0@6A00000000001 -1@7B00000000002"},
         {"one more", "Service connected. A00000000001,2\n", "+0@2A00000000001"},
         {"restart", "Bootup", "-0@2A00000000001 R"},
-    };
-    for (const auto& step : steps) {
-        feed(step.said);
-        EXPECT_EQ(events(), step.events) << step.what;
-    }
+    });
     EXPECT_EQ(restarts, 1);
     EXPECT_EQ(lastLeft, 2);
     EXPECT_EQ(lastText, "Bootup");
@@ -124,6 +128,19 @@ TEST_F(ReceiverTest, WhoIsConnectedAndUnderWhichNumber) {
     receiver.lineIsGone(now, 5);
     queue.publish();
     EXPECT_EQ(events(), "G");
+}
+
+TEST_F(ReceiverTest, AHeadsetThatWasInferredKeepsItsNumberWhenItsAddressComes) {
+    expectEvents({
+        {"data alone", packet(3, 0, 1) + packet(4, 0, 1) + packet(5, 0, 1), "+0@3 +1@4 +2@5"},
+        {"its report", "Service connected. A00000000001,3\n", "+0@3A00000000001"},
+        {"another's, in a list", "AT+LIST=3,A00000000001;4,B00000000002\n", "+1@4B00000000002 -2@5"},
+        {"under another index", "Service connected. A00000000001,5\n", "+0@5A00000000001"},
+        {"data of a new one", packet(6, 0, 1), "+3@6"},
+        {"an address that has a number", "Service connected. B00000000002,6\n", "-3@6 +1@6B00000000002"},
+        {"restart", "Bootup", "-0@5A00000000001 -1@6B00000000002 R"},
+        {"data of nobody", packet(3, 0, 1), "+4@3"},
+    });
 }
 
 TEST_F(ReceiverTest, AWiderElementIsFilledUpWithZeros) {
