@@ -111,6 +111,7 @@ int VirtualLine::read(void* buffer, std::uint32_t maxBytes, std::uint32_t timeou
     }
     const Time deadline = clock_.nowLocked() + std::chrono::milliseconds(timeoutMs);
     Time next = deadline;
+    maxBytes = static_cast<std::uint32_t>(std::min<std::size_t>(maxBytes, largestRead));
     std::uint32_t count = 0;
     while (count < maxBytes) {
         const int got = take(lock, static_cast<std::uint8_t*>(buffer) + count, maxBytes - count, next, false);

@@ -41,6 +41,9 @@ class VirtualLine : public kxorbeta_if::Port, private VirtualClock::Source {
         return use(*engine_);
     }
 
+    /// Beyond that a read ends, wherever in a frame that is. Set before the port is in use.
+    std::size_t largestRead = SIZE_MAX;
+
     /// What every write of the host was, in order.
     std::vector<std::string> hostWrites();
 
