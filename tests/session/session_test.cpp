@@ -329,6 +329,34 @@ TEST_F(SessionTest, EachAddressIsToldWhetherItConnected) {
     EXPECT_EQ(statusOf([&] { host->connect(std::span(wanted), 1s); }), VELMORA_INVALID);
 }
 
+TEST_F(SessionTest, ASecondGroupIsWhatTheDongleMakesOfIt) {
+    using dongle::SecondGroup;
+    const struct {
+        SecondGroup dongle;
+        velmora_status status;
+        int firstConnected, secondConnected;
+    } cases[] = {{SecondGroup::Accept, VELMORA_OK, 1, 1},
+                 {SecondGroup::Ignore, VELMORA_TIMEOUT, 1, 0},
+                 {SecondGroup::DropOthers, VELMORA_OK, 0, 1}};
+    open();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(static_cast<int>(c.dongle));
+        settings.replies.secondGroup = c.dongle;
+        setReplies();
+        std::vector<velmora_wanted> wanted = everybody();
+        ASSERT_EQ(host->connect(std::span(wanted).first(1), 20s), VELMORA_OK);
+        const auto second = std::span(wanted).last(1);
+        EXPECT_EQ(statusOf([&] { host->connect(second, 20s); }), VELMORA_BUSY);
+        const auto patience = c.status == VELMORA_OK ? 20'000ms : 50ms;
+        EXPECT_EQ(statusOf([&] { host->connect(second, patience, nullptr, VELMORA_ALLOW_UNPROVED); }), c.status);
+        EXPECT_EQ(wanted[1].status, c.status);
+        const auto known = host->headsets();
+        EXPECT_EQ(known.at(0).connected, c.firstConnected);
+        EXPECT_EQ(known.at(1).connected, c.secondConnected);
+        host->dropAll();
+    }
+}
+
 TEST_F(SessionTest, HeadsetsThatAnEndedProgramLeftAreInferred) {
     settings.line.fillBytesPerSecond = dongle::kLineBytesPerSecond / 4;
     open();
@@ -365,12 +393,17 @@ TEST_F(SessionTest, AScanThatWasGivenUpDoesNotEndTheNext) {
     EXPECT_EQ(host->scan(20s).size(), 2u);
 }
 
-TEST_F(SessionTest, ARestartEndsWhatIsGoingOnAndTheHandleGoesOn) {
+TEST_F(SessionTest, WhatIsGoingOnRefusesOthersAndEndsWithARestart) {
     settings.replies.scanDuration = 20s;
     open();
     const auto restartAt = [&](std::string_view request) {
         return std::thread([this, request] {
             EXPECT_TRUE(eventually([&] { return requests(request) > 0; }));
+            const std::size_t before = total();
+            EXPECT_EQ(statusOf([&] { host->scan(20s); }), VELMORA_BUSY);
+            EXPECT_EQ(statusOf([&] { connectAll(); }), VELMORA_BUSY);
+            EXPECT_EQ(statusOf([&] { host->dropAll(VELMORA_ALLOW_UNPROVED); }), VELMORA_BUSY);
+            EXPECT_EQ(total(), before) << "nobody else's request goes out meanwhile";
             engine([](dongle::Engine& e) { e.restart(); });
         });
     };
