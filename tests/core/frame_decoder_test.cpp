@@ -150,6 +150,31 @@ TEST_P(FrameDecoder, LossesAndTheirSubstitutes) {
     }
 }
 
+/// A callback that ends collection, or takes itself out, in the middle of what makes up for a loss of two packets.
+TEST_P(FrameDecoder, SubstitutesAreAllDeliveredOnceBegun) {
+    for (const int channels : {0, 5}) {
+        for (const bool takesItselfOut : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "channels " << channels << ", takes itself out " << takesItselfOut);
+            ReceiveSession session(-2);
+            session.flags.mergedChannels = direct;  // one call for each lost packet of several channels
+            Packet packet{.channel = 3, .channels = channels, .counter = 10, .seed = 1};
+            session.decode(direct, packet.bytes());
+            int calls = 0;
+            session.onRaw = [&] {
+                ++calls;
+                if (takesItselfOut) {
+                    session.callbacks.rawData = nullptr;
+                } else {
+                    session.flags.recording = false;
+                }
+            };
+            packet.counter = channels > 0 ? 12 : 13;
+            session.decode(direct, packet.bytes());
+            EXPECT_EQ(calls, 2) << session.take();
+        }
+    }
+}
+
 TEST_P(FrameDecoder, SmallFrames) {
     const std::string battery = batteryCall(device, 1, 200), post = "66051 16777215 8388608 0 5 6 7 255\n";
     const auto response = [&](const char* frame) { return responseCall(device, fromHex(frame)); };

@@ -1,18 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <random>
 
+#include "support/dice.h"
 #include "support/receive_session.h"
 
 namespace test {
 namespace {
-
-struct Dice {
-    std::size_t pick(std::size_t count) { return engine() % count; }
-    bool oneIn(std::size_t count) { return pick(count) == 0; }
-    std::mt19937 engine;
-};
 
 /// Random envelopes of whole frames of 16 headsets. It begins with a packet of channel 0 of every headset, so that no
 /// other is held back. What one read can bring is its limit.
@@ -101,24 +95,6 @@ struct Result {
     bool mayBridge = false;
 };
 
-void damage(Dice& dice, Bytes& bytes) {
-    static constexpr std::string_view special("#:AT+D0159-\0\x55\xAA\xE2\x02\x20\xDD", 17);
-    for (std::size_t left = 1 + dice.pick(30); left > 0 && bytes.size() > 64; --left) {
-        const auto at = bytes.begin() + static_cast<std::ptrdiff_t>(dice.pick(bytes.size() - 32));
-        const auto length = static_cast<std::ptrdiff_t>(1 + dice.pick(dice.oneIn(4) ? 32 : 3));
-        const std::size_t how = dice.pick(5);
-        if (how < 2) {
-            *at = static_cast<std::uint8_t>(how == 0 ? dice.pick(256)
-                                                     : static_cast<unsigned char>(special[dice.pick(special.size())]));
-        } else if (how == 2) {
-            bytes.erase(at, at + length);
-        } else {
-            const Bytes more = how == 3 ? Bytes(at, at + length) : bytesOf("AT+DAT1");
-            bytes.insert(at, more.begin(), more.end());
-        }
-    }
-}
-
 TEST(GeneratedStreams, AreReadWholeInAnyCutsAndFoundAgainAfterDamage) {
     for (unsigned seed = 0; seed < 2000; ++seed) {
         SCOPED_TRACE(testing::Message() << "seed " << seed);
@@ -151,7 +127,7 @@ TEST(GeneratedStreams, AreReadWholeInAnyCutsAndFoundAgainAfterDamage) {
         EXPECT_TRUE(feed(twin, first.bytes, {first.bytes.size()}).whole == cut.whole) << "the cuts make no difference";
 
         Bytes damaged = Stream(dice, merged).bytes;
-        damage(dice, damaged);
+        damage(dice, damaged, 30);
         std::vector<std::size_t> cuts;
         for (std::size_t at = 0; at < damaged.size();
              cuts.push_back(at = std::min(at + 1 + dice.pick(3000), damaged.size()))) {

@@ -228,7 +228,8 @@ TEST(StreamFramer, TruncatedStreamsGiveWhatIsComplete) {
             SCOPED_TRACE(testing::Message() << "framed " << framed << ", " << length << " bytes");
             const auto last =
                 std::find_if(complete.rbegin(), complete.rend(), [&](const auto& end) { return end.first <= length; });
-            // What is left of a frame is kept, except a header whose delimiter is missing although there was room for it.
+            // What is left of a frame is kept, except a header whose delimiter is missing although there was room for
+            // it.
             Bytes kept = part(stream, last->first, length);
             if (framed && kept.size() >= 10 && std::find(kept.begin(), kept.end(), '#') == kept.end()) {
                 kept.clear();

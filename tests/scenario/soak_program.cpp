@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -30,35 +31,26 @@ constexpr int kHeadsets = 16;
 constexpr int kChannels = 8;
 constexpr int kPacket = dongle::kSamplesPerFrame;
 
-/// Where a channel's signal has got to. Only the link thread touches it.
-struct Channel {
-    std::uint64_t nextPacket = 0;
+/// The packet that each channel has got to. Only the link thread touches it.
+std::array<std::array<std::uint64_t, kChannels>, kHeadsets> nextPacket;
 
-    /// Whether the packet is one of those that the headset may have sent by now.
-    bool recognises(int device, int channel, const int* samples) {
-        // A headset that comes back begins its signal anew; otherwise packets are lost, or come twice.
-        for (const std::uint64_t start : {nextPacket > 2 ? nextPacket - 2 : 0, std::uint64_t{0}}) {
-            for (std::uint64_t packet = start; packet < start + 400; ++packet) {
-                if (matches(device, channel, packet, samples)) {
-                    nextPacket = packet + 1;
-                    return true;
-                }
+/// Whether a packet is one of those that its headset may have sent by now.
+bool recognises(int device, int channel, const int* samples) {
+    std::uint64_t& next = nextPacket.at(static_cast<std::size_t>(device)).at(static_cast<std::size_t>(channel));
+    // A headset that comes back begins its signal anew; otherwise packets are lost, or come twice.
+    for (const std::uint64_t start : {next > 2 ? next - 2 : 0, std::uint64_t{0}}) {
+        for (std::uint64_t packet = start; packet < start + 400; ++packet) {
+            std::uint64_t n = packet * kPacket;
+            if (std::all_of(samples, samples + kPacket,
+                            [&](int sample) { return sample == dongle::sampleValue(device, channel, n++); })) {
+                next = packet + 1;
+                return true;
             }
         }
-        return false;
     }
+    return false;
+}
 
-    static bool matches(int device, int channel, std::uint64_t packet, const int* samples) {
-        for (std::uint64_t i = 0; i < kPacket; ++i) {
-            if (samples[i] != dongle::sampleValue(device, channel, packet * kPacket + i)) {
-                return false;
-            }
-        }
-        return true;
-    }
-};
-
-std::array<std::array<Channel, kChannels>, kHeadsets> signals;
 std::atomic<long> good{0};
 std::atomic<long> zeros{0};
 std::atomic<long> strange{0};
@@ -68,8 +60,7 @@ void onRaw(int device, int channel, int* samples, int count) {
     if (count == kPacket && std::all_of(samples, samples + count, [](int sample) { return sample == 0; })) {
         ++zeros;
     } else if (count == kPacket && device >= 0 && device < kHeadsets && channel >= 0 && channel < kChannels &&
-               signals[static_cast<std::size_t>(device)][static_cast<std::size_t>(channel)].recognises(device, channel,
-                                                                                                       samples)) {
+               recognises(device, channel, samples)) {
         ++good;
     } else {
         ++strange;
@@ -175,15 +166,12 @@ int main(int argc, char** argv) {
         sum.rawCorrupted += counters.rawCorrupted;
     }
     const long bridged = bridgedByLog(folder.path().string() + "/kxsdk.log");
-    const auto lineCounters = dongle.counters();
-    std::printf(
-        "sent %llu packets (%llu bytes, %llu dropped by the line), lost %llu, repeated %llu, damaged %llu\n",
-        static_cast<unsigned long long>(sum.rawSent), static_cast<unsigned long long>(lineCounters.bytesWritten),
-        static_cast<unsigned long long>(lineCounters.bytesDropped), static_cast<unsigned long long>(sum.rawLost),
-        static_cast<unsigned long long>(sum.rawRepeated), static_cast<unsigned long long>(sum.rawCorrupted));
-    std::printf("received %ld good, %ld zeros (%ld by the log), %ld other, %ld events\n", good.load(), zeros.load(),
-                bridged, strange.load(), events.load());
-    std::printf("memory %zu KiB after a fifth of the time, %zu KiB at the end\n", settled / 1024, finallyUsed / 1024);
+    const auto onLine = dongle.counters();
+    std::cout << "sent " << sum.rawSent << " packets (" << onLine.bytesWritten << " bytes, " << onLine.bytesDropped
+              << " dropped by the line), lost " << sum.rawLost << ", repeated " << sum.rawRepeated << ", damaged "
+              << sum.rawCorrupted << "\nreceived " << good << " good, " << zeros << " zeros (" << bridged
+              << " by the log), " << strange << " other, " << events << " events\nmemory " << settled / 1024
+              << " KiB after a fifth of the time, " << finallyUsed / 1024 << " KiB at the end\n";
 
     const auto sent = static_cast<long>(sum.rawSent + sum.rawRepeated);
     expect(longestSilence <= 20, "the stream goes on");

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -12,8 +13,8 @@ namespace {
 TEST(RecordQueue, ThreadsHandOverEveryRecordOnceAndInOrder) {
     constexpr std::int64_t kRecords = 200'000;
     velmora::RecordQueue queue(64);
-    std::thread filling([&] {
-        for (std::int64_t next = 0; next < kRecords;) {
+    const std::jthread filling([&] {
+        for (std::int64_t next = 0; next < kRecords && !HasFailure();) {
             for (std::int64_t batch = next % 37; batch >= 0 && next < kRecords; --batch) {
                 velmora_record* const record = next % 5 == 0 ? queue.roomForOther() : queue.roomForRaw();
                 if (record == nullptr) {
@@ -41,8 +42,6 @@ TEST(RecordQueue, ThreadsHandOverEveryRecordOnceAndInOrder) {
             ASSERT_EQ(taken[i].sample, expected);
         }
     }
-    filling.join();
-    EXPECT_EQ(queue.size(), 0u);
     EXPECT_LE(queue.largest(), 64u + 256u);
 }
 

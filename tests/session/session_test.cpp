@@ -27,6 +27,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::eventually;
+using Replies = dongle::ReplySettings;
 
 /// What a host keeps of the records it has read.
 struct Seen {
@@ -88,7 +89,10 @@ class SessionTest : public testing::Test {
     auto engine(Use use) {
         return runner->with(use);
     }
-    void setReplies() {
+    /// Changes how the running dongle replies.
+    template <typename Value>
+    void reply(Value dongle::ReplySettings::*how, std::type_identity_t<Value> value) {
+        settings.replies.*how = value;
         engine([&](dongle::Engine& e) { e.setReplies(settings.replies); });
     }
     std::size_t total() {
@@ -277,24 +281,21 @@ TEST_F(SessionTest, WhatCannotBeAddressedIsRefusedUnlessTheKnownTextIsWanted) {
 TEST_F(SessionTest, ARequestWaitsForItsOwnResponse) {
     open({.commandGap = 1ms});
     ASSERT_EQ(connectAll(), VELMORA_OK);
-    settings.replies.responseDelay = 300ms;
-    setReplies();
+    reply(&Replies::responseDelay, 300ms);
     const std::uint8_t twelve[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 0x55};
     velmora_record long_{};
     std::thread first([&] { long_ = host->request(1, 0x33, twelve, 20s); });
     ASSERT_TRUE(eventually([&] { return total() == 2; }));
     EXPECT_EQ(statusOf([&] { host->request(1, 0x55); }), VELMORA_BUSY);
     // Another headset's response of the same code is not it.
-    settings.replies.responseDelay = 1ms;
-    setReplies();
+    reply(&Replies::responseDelay, 1ms);
     EXPECT_EQ(host->request(2, 0x55, {}, 20s).index, 2);
     first.join();
     EXPECT_EQ(long_.index, 1);
     EXPECT_EQ(long_.code, 0x55) << "with twelve bytes the last of them is the code";
     EXPECT_EQ(long_.count, 16);
 
-    settings.replies.commands = false;
-    setReplies();
+    reply(&Replies::commands, false);
     EXPECT_EQ(statusOf([&] { host->request(1, 9, {}, 20ms); }), VELMORA_TIMEOUT);
     std::thread leaving([&] {
         EXPECT_TRUE(eventually([&] { return total() == 5; }));
@@ -341,8 +342,7 @@ TEST_F(SessionTest, ASecondGroupIsWhatTheDongleMakesOfIt) {
     open();
     for (const auto& c : cases) {
         SCOPED_TRACE(static_cast<int>(c.dongle));
-        settings.replies.secondGroup = c.dongle;
-        setReplies();
+        reply(&Replies::secondGroup, c.dongle);
         std::vector<velmora_wanted> wanted = everybody();
         ASSERT_EQ(host->connect(std::span(wanted).first(1), 20s), VELMORA_OK);
         const auto second = std::span(wanted).last(1);
@@ -383,13 +383,11 @@ TEST_F(SessionTest, AScanThatWasGivenUpDoesNotEndTheNext) {
     EXPECT_EQ(statusOf([&] { host->scan(20s, &cancel); }), VELMORA_CANCELLED);
     EXPECT_EQ(host->scan(20s).size(), 2u);
     // The dongle is silent about its scan: an end that comes later belongs to nothing.
-    settings.replies.scan = false;
-    setReplies();
+    reply(&Replies::scan, false);
     EXPECT_EQ(statusOf([&] { host->scan(30ms); }), VELMORA_TIMEOUT);
     engine([&](dongle::Engine& e) { e.sendRaw("A1B2C3D4E5F6,1 XAI-99\nFinish scan\r\n"); });
     std::this_thread::sleep_for(20ms);
-    settings.replies.scan = true;
-    setReplies();
+    reply(&Replies::scan, true);
     EXPECT_EQ(host->scan(20s).size(), 2u);
 }
 
@@ -410,13 +408,11 @@ TEST_F(SessionTest, WhatIsGoingOnRefusesOthersAndEndsWithARestart) {
     std::thread restarter = restartAt("AT+SCAN");
     EXPECT_EQ(statusOf([&] { host->scan(20s); }), VELMORA_RESTARTED);
     restarter.join();
-    settings.replies.connectEnd = false;
-    setReplies();
+    reply(&Replies::connectEnd, false);
     restarter = restartAt("AT+GRPCONN");
     EXPECT_EQ(statusOf([&] { connectAll(); }), VELMORA_RESTARTED);
     restarter.join();
-    settings.replies.connectEnd = true;
-    setReplies();
+    reply(&Replies::connectEnd, true);
     host->start();
     for (std::size_t round = 1; round <= 3; ++round) {
         ASSERT_EQ(connectAll(), VELMORA_OK);
@@ -465,8 +461,7 @@ TEST_F(SessionTest, CancellingEndsTheCallThatItWasGivenTo) {
     ASSERT_EQ(connectAll(), VELMORA_OK);
     velmora::Cancel reading;
     velmora::Cancel requesting;
-    settings.replies.commands = false;
-    setReplies();
+    reply(&Replies::commands, false);
     std::vector<velmora_record> records(10'000);
     host->read(records, 0);
     std::atomic<bool> requestEnded{false};

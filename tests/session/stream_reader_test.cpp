@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <numeric>
-#include <random>
 
 #include "session/reference_reader.h"
 #include "session/traced_reader.h"
+#include "support/dice.h"
 #include "support/stream_builder.h"
 
 namespace test {
@@ -184,11 +184,9 @@ TEST(StreamReader, WhatAHeadsetLeftBehindCanBeDropped) {
 }
 
 /// Generated streams, whole and damaged, in random reads with random pauses, against the slow and obvious reader.
-class Generator {
+class Generator : public Dice {
   public:
-    explicit Generator(unsigned seed) : random_(seed) {}
-
-    std::size_t pick(std::size_t count) { return random_() % count; }
+    explicit Generator(unsigned seed) : Dice{std::mt19937(seed)} {}
 
     Bytes stream() {
         Bytes line;
@@ -209,24 +207,6 @@ class Generator {
             }
         }
         return line;
-    }
-
-    void damage(Bytes& line) {
-        static constexpr std::string_view kSpecial("#:AT+D0159-\0\x55\xAA\xE2\x02\x20\xDD\n\r ", 20);
-        for (std::size_t left = 1 + pick(8); left > 0 && line.size() > 40; --left) {
-            const auto at = line.begin() + static_cast<std::ptrdiff_t>(pick(line.size() - 32));
-            const auto length = static_cast<std::ptrdiff_t>(1 + pick(pick(4) == 0 ? 32 : 3));
-            const std::size_t kind = pick(8);
-            if (kind < 4) {
-                *at = static_cast<std::uint8_t>(kind < 2 ? pick(256)
-                                                         : std::size_t(kSpecial[pick(kSpecial.size())]) & 255);
-            } else if (kind < 6) {
-                line.erase(at, at + length);
-            } else {
-                const Bytes more = kind == 6 ? Bytes(at, at + length) : bytesOf(pick(2) == 0 ? "AT+DAT1:8#" : "Boot");
-                line.insert(at, more.begin(), more.end());
-            }
-        }
     }
 
   private:
@@ -253,7 +233,6 @@ class Generator {
         return envelope(static_cast<int>(index), payload);
     }
 
-    std::mt19937 random_;
     std::array<Bytes, 3> waiting_;
 };
 
@@ -271,7 +250,7 @@ TEST(StreamReader, AgreesWithTheObviousReader) {
             reference.scanning = scanning;
             Bytes line = generator.stream();
             if (damaged) {
-                generator.damage(line);
+                damage(generator, line, 8);
             }
             const std::size_t longest = generator.pick(2) == 0 ? 30 : 2000;
             for (std::size_t from = 0, to = 0; from < line.size(); from = to) {
