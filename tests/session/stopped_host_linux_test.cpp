@@ -19,7 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 
 /// Reads from four packets before it is stopped until six behind. How many packets were not as sent, or lay wrong.
-int runHost(const std::string& path, int told) {
+int runHost(const std::string& path, int told) noexcept {
     velmora::Dongle dongle(path);
     dongle.start();
     velmora_wanted wanted{};
@@ -29,10 +29,15 @@ int runHost(const std::string& path, int told) {
     std::vector<velmora_record> records(64);
     int wrong = 0;
     bool stopped = false;
+    std::int64_t last = velmora_now();
     for (int packets = 0, behind = 0; behind < 6;) {
-        const std::int64_t before = velmora_now();
         const auto batch = dongle.read(records, 1, 20s);
-        stopped |= velmora_now() - before > 2'000'000'000;
+        if (batch.status != VELMORA_OK) {
+            return 100;
+        }
+        const std::int64_t now = velmora_now();
+        stopped |= now - last > 2'000'000'000;
+        last = now;
         for (const velmora_record& record : batch.records) {
             if (record.kind != VELMORA_RAW) {
                 continue;
@@ -57,6 +62,7 @@ TEST(StoppedHost, LosesNothingAndItsTimeLineDoesNotJump) {
         char text[256] = {};
         ::_exit(::read(path[0], text, sizeof text - 1) > 0 ? runHost(text, told[1]) : 1);
     }
+    ::close(told[1]);  // so that the host's end is seen
     dongle::Settings settings = dongle::defaultSettings(1);
     settings.headsets[0].channels = 2;  // a kilobyte a second: less than the system keeps of a pseudo-terminal
     settings.headsets[0].postInterval = 0ms;
