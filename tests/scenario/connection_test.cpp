@@ -166,7 +166,7 @@ TEST_F(Connection, RandomTextCutAnywhereIsReadAsTheWholeTextWouldBe) {
         total += collectGroupConnections({registry, silent}, text);
 
         start();
-        received.forgetEvents();
+        received.forget();
         EXPECT_EQ(attemptAnsweredBy(reads), total > 0);
         const auto events = received.events();
         EXPECT_EQ(std::count_if(events.begin(), events.end(), [](const EventSeen& e) { return e.code == 2; }), total);
@@ -291,12 +291,17 @@ TEST_F(Connection, ACommandTheDongleCannotTakeIsNotSent) {
     EXPECT_EQ(requestCount("AT+GRPCONN="), 1u);
 }
 
-TEST_F(Connection, WithoutAThreadItFailsAndStaysRefused) {
+TEST_F(Connection, WithoutAThreadItFailsAndStaysRefusedAndSoDoesAScan) {
     start();
     context_.startThread = [](auto) -> std::thread { throw std::system_error(EAGAIN, std::generic_category()); };
     EXPECT_THROW(attempt(), std::system_error);
-    EXPECT_TRUE(context_.flags.connecting);
-    EXPECT_FALSE(attempt());
+    EXPECT_TRUE(context_.flags.connecting.exchange(false));
+    EXPECT_THROW(scan(context_), std::system_error);
+    EXPECT_TRUE(context_.flags.scanning);
+    EXPECT_FALSE(attempt() || scan(context_));
+    context_.flags.scanning = false;
+    context_.flags.connecting = true;
+    EXPECT_FALSE(attempt() || scan(context_));
     context_.flags.connecting = false;
 }
 

@@ -62,9 +62,9 @@ class LinkThreadTest : public test::Scenario {
 
     /// Lets what was delivered before be read: a frame behind it has arrived.
     void settle() {
-        const std::size_t before = received.batteryCount();
+        const std::size_t before = received.batteryCount;
         deliver(asString(test::envelope(9, test::batteryFrame(1, 1))));
-        ASSERT_TRUE(clock_.eventually([&] { return received.batteryCount() > before; }));
+        ASSERT_TRUE(clock_.eventually([&] { return received.batteryCount > before; }));
     }
 };
 
@@ -121,7 +121,7 @@ TEST_F(LinkThreadTest, AThreadBeginsAfreshWhateverTheLastOneLeft) {
     ASSERT_TRUE(receives({11}));
     disconnectAll(context_);
     connectAndRecord();
-    received.forgetData();
+    received.forget();
     settle();  // half a frame in front of this one would swallow it
     deliver(leftover + envelope(1, 12, 22));
     EXPECT_TRUE(receives({22})) << "nothing was lost in between";

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -85,14 +84,6 @@ TEST_F(ScanScenario, IsRefusedWhileThePortIsNotItsOwn) {
     }
     EXPECT_EQ(found().size(), 3u) << "a refused scan empties nothing";
     EXPECT_EQ(scansSeen(), 1u);
-}
-
-TEST_F(ScanScenario, WithoutAThreadItFailsAndStaysRefused) {
-    start();
-    context_.startThread = [](auto) -> std::thread { throw std::system_error(EAGAIN, std::generic_category()); };
-    EXPECT_THROW(scan(context_), std::system_error);
-    EXPECT_TRUE(context_.flags.scanning);
-    EXPECT_FALSE(scan(context_));
 }
 
 TEST_F(ScanScenario, TheListLockIsHeldForTheWholeScan) {

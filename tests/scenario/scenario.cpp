@@ -17,22 +17,12 @@ void Received::install(kxorbeta_if::CallbackTable& table) {
         auto& here = *static_cast<Received*>(self);
         const std::lock_guard guard(here.mutex_);
         here.raw_.push_back({device, channel, {samples, samples + count}});
-        ++here.rawCount_;
+        ++here.rawCount;
     };
     table.postData = [](void* self, int, unsigned char, unsigned char, unsigned char, unsigned char, unsigned*) {
-        ++static_cast<Received*>(self)->postCount_;
+        ++static_cast<Received*>(self)->postCount;
     };
-    table.battInfo = [](void* self, int, unsigned, unsigned) { ++static_cast<Received*>(self)->batteryCount_; };
-}
-
-std::vector<EventSeen> Received::events() const {
-    const std::lock_guard guard(mutex_);
-    return events_;
-}
-
-std::vector<RawPacket> Received::rawPackets() const {
-    const std::lock_guard guard(mutex_);
-    return raw_;
+    table.battInfo = [](void* self, int, unsigned, unsigned) { ++static_cast<Received*>(self)->batteryCount; };
 }
 
 bool Received::hasEvent(unsigned code) const {
@@ -40,15 +30,11 @@ bool Received::hasEvent(unsigned code) const {
     return std::any_of(seen.begin(), seen.end(), [&](const EventSeen& event) { return event.code == code; });
 }
 
-void Received::forgetData() {
-    const std::lock_guard guard(mutex_);
-    raw_.clear();
-    rawCount_ = 0;
-}
-
-void Received::forgetEvents() {
+void Received::forget() {
     const std::lock_guard guard(mutex_);
     events_.clear();
+    raw_.clear();
+    rawCount = 0;
 }
 
 Scenario::Scenario() : settings(dongle::defaultSettings(2)), log(0) {

@@ -35,22 +35,23 @@ class Received {
   public:
     void install(kxorbeta_if::CallbackTable& table);
 
-    std::vector<EventSeen> events() const;
-    std::vector<RawPacket> rawPackets() const;
-    std::size_t rawCount() const { return rawCount_; }
-    std::size_t postCount() const { return postCount_; }
-    std::size_t batteryCount() const { return batteryCount_; }
+    std::vector<EventSeen> events() const { return copyOf(events_); }
+    std::vector<RawPacket> rawPackets() const { return copyOf(raw_); }
     bool hasEvent(unsigned code) const;
-    void forgetData();
-    void forgetEvents();
+    void forget();
+
+    std::atomic<std::size_t> rawCount{0}, postCount{0}, batteryCount{0};
 
   private:
+    template <typename Seen>
+    Seen copyOf(const Seen& seen) const {
+        const std::lock_guard guard(mutex_);
+        return seen;
+    }
+
     mutable std::mutex mutex_;
     std::vector<EventSeen> events_;
     std::vector<RawPacket> raw_;
-    std::atomic<std::size_t> rawCount_{0};
-    std::atomic<std::size_t> postCount_{0};
-    std::atomic<std::size_t> batteryCount_{0};
 };
 
 /// A dongle on a line, and a context of the library that has its end of the line open; all on virtual time.
