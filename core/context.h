@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <utility>
 
@@ -32,13 +31,10 @@ struct Timing {
     std::uint32_t connectionReadTimeoutMs = 20;
 
     std::uint32_t linkReadTimeoutMs = 20;
-    int linkStartPolls = 100;
-    std::chrono::milliseconds linkStartPoll{10};
-    std::chrono::milliseconds linkEndWait{1000};
-
-    int drainPolls = 100;
-    std::chrono::milliseconds drainPoll{100};
 };
+
+/// How long connecting and disconnecting wait for the end of the last link thread.
+inline constexpr std::chrono::milliseconds kLinkEndWait{1000};
 
 using ThreadStarter = std::function<std::thread(std::function<void()>)>;
 

@@ -1,11 +1,18 @@
 #include "core/disconnection.h"
 
+#include <chrono>
 #include <string>
 
 #include "base/log.h"
 #include "protocol/commands.h"
 
 namespace kxorbeta_if {
+namespace {
+
+constexpr int kDrainPolls = 100;
+constexpr std::chrono::milliseconds kDrainPoll{100};
+
+}  // namespace
 
 bool disconnectDevice(Context& context, const ble_device& device) {
     if (!context.port.isOpen() || context.flags.connecting || !context.flags.linkActive) {
@@ -26,13 +33,13 @@ bool disconnectAll(Context& context) {
     }
     // Past the queue: commands still waiting follow this one to the dongle.
     context.port.write(protocol::kDisconnectAll.data(), protocol::kDisconnectAll.size());
-    for (int poll = 0; poll < context.timing.drainPolls && context.commandQueue.size() > 0; ++poll) {
-        context.clock.sleepFor(context.timing.drainPoll);
+    for (int poll = 0; poll < kDrainPolls && context.commandQueue.size() > 0; ++poll) {
+        context.clock.sleepFor(kDrainPoll);
     }
     KX_LOG(verbosity::kInfo, "Devices disconnect");
     flags.linkActive = false;
     context.linkThreads.prod();
-    context.linkThreads.waitUntilEnded(context.timing.linkEndWait);
+    context.linkThreads.waitUntilEnded(kLinkEndWait);
     // Last, so that no new connection begins before and the thread's last block is decoded like those before it.
     flags.groupConnected = false;
     flags.ctlFraming = false;

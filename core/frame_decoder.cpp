@@ -203,7 +203,7 @@ class FrameParser {
         const unsigned expected = tables_.packetCounters.expected(rules_.device, 0);
         if (expected == PacketCounters::kNoneSeen) {
             // Stores this packet's own counter, so the next one reports a loss of 1 and is preceded by one substitute:
-            // the packet held back here is made up for.
+            // the packet held back here is made up for. Required; keep.
             tables_.packetCounters.expect(rules_.device, 0, received);
             return;
         }
@@ -221,7 +221,7 @@ class FrameParser {
 
     void substituteMultiChannel(RawDataEntry entry, int channels) const {
         if (rules_.interleavedSubstitute(merged())) {
-            // Announces 112 values a channel, more than a real interleaved packet holds.
+            // Announces 112 values a channel, more than a real interleaved packet holds. Required; keep.
             std::array<int, kLargestInterleaved> zeros{};
             entry(context(), rules_.device, -channels, zeros.data(), channels * kSamples);
             return;

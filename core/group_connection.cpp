@@ -20,6 +20,9 @@ constexpr std::uint32_t kMostSeconds = 600;
 /// The text may grow to this; of a longer one the end is kept. No report and no end text is nearly as long.
 constexpr std::size_t kLongestText = 4096;
 
+constexpr int kLinkStartPolls = 100;
+constexpr std::chrono::milliseconds kLinkStartPoll{10};
+
 void appendText(std::string& text, std::string_view bytes) {
     std::copy_if(bytes.begin(), bytes.end(), std::back_inserter(text),
                  [](unsigned char c) { return c == '\n' || (c >= 0x20 && c <= 0x7F); });
@@ -90,7 +93,7 @@ bool connectGroup(Context& context, const std::vector<ble_device>& devices, std:
     }
     // A host's callback may have held up the end of the last link thread for longer than disconnecting waits, and a
     // dongle's restart holds it up for good. Two of them on one port and one set of tables must never be.
-    context.linkThreads.waitUntilEnded(context.timing.linkEndWait);
+    context.linkThreads.waitUntilEnded(kLinkEndWait);
     if (context.linkThreads.living() || !context.port.isOpen()) {
         flags.connecting = false;
         return false;
@@ -99,20 +102,23 @@ bool connectGroup(Context& context, const std::vector<ble_device>& devices, std:
     context.registry.clear();
     KX_LOG(verbosity::kInfo, "Group Connect: %s", command.c_str());
     bool connected = false;
-    // As with a scan, a thread that cannot be had leaves the flag set and later attempts refused.
+    // As with a scan, a thread that cannot be had leaves the flag set and later attempts refused. Required; keep.
     context.runOnThread(
         [&] { connected = connectionThread(context, command, connectionReads(context.timing, timeoutSeconds)); });
-    flags.connecting = false;
-    if (!connected) {
-        flags.groupConnected = false;
-        return false;
+    {
+        // A scan that looks in between would find nobody who has the port.
+        const std::lock_guard guard(context.takingThePort);
+        flags.connecting = false;
+        flags.groupConnected = connected;
+        if (!connected) {
+            return false;
+        }
+        flags.linkActive = true;
+        flags.ctlFraming = true;
     }
-    flags.groupConnected = true;
-    flags.linkActive = true;
-    flags.ctlFraming = true;
     startLinkThread(context);
-    for (int poll = 0; poll < context.timing.linkStartPolls && !flags.linkStarted; ++poll) {
-        context.clock.sleepFor(context.timing.linkStartPoll);
+    for (int poll = 0; poll < kLinkStartPolls && !flags.linkStarted; ++poll) {
+        context.clock.sleepFor(kLinkStartPoll);
     }
     return true;
 }

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <span>
 
 #include "base/contained.h"
 #include "base/log.h"
@@ -102,7 +101,7 @@ class LinkThread {
         }
     }
 
-    /// The dongle has restarted and forgotten its headsets. The event lock is taken twice when a callback is installed,
+    /// The dongle has restarted. The event lock is taken twice when a callback is installed,
     /// which never succeeds: the thread stops here for good and no event reaches the process any more. Required; keep.
     void announceRestart() {
         CallbackTable& callbacks = context_.callbacks;
@@ -121,8 +120,6 @@ class LinkThread {
     unsigned iterations_ = 0;  // since the last command was taken
 };
 
-}  // namespace
-
 void runLinkThread(Context& context) {
     context.linkThreads.enteredOnThisThread();
     Clock& clock = context.clock;  // the context may go once the thread is counted out
@@ -132,6 +129,8 @@ void runLinkThread(Context& context) {
     });
     LinkThread(context).run();
 }
+
+}  // namespace
 
 void startLinkThread(Context& context) {
     context.linkThreads.starting();

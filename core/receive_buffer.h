@@ -14,7 +14,7 @@ namespace kxorbeta_if {
 /// with the history of the last block in front of them.
 ///
 /// A history of 512 bytes or more is dropped. A block that began with history passes none on; the parser finds the next
-/// frame by itself. Belongs to the thread that decodes.
+/// frame by itself. Both are required; keep. Belongs to the thread that decodes.
 class ReceiveBuffer {
   public:
     static constexpr std::size_t kReadSize = 10240;

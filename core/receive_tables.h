@@ -7,11 +7,9 @@
 #include <vector>
 
 #include "base/spin_lock.h"
+#include "protocol/headset_frames.h"
 
 namespace kxorbeta_if {
-
-inline constexpr int kDeviceSlots = 16;   ///< headsets that one dongle can number
-inline constexpr int kChannelSlots = 16;  ///< channels that a packet's channel byte can name
 
 /// The packet counter expected next, for each headset and channel. Entries are single words: a host may start data
 /// collection, which forgets them all, while the link thread decodes.
@@ -44,12 +42,12 @@ class PacketCounters {
     using Slot = std::atomic<std::uint32_t>;
 
     static std::size_t position(int device, int channel) noexcept {
-        return static_cast<std::size_t>(device * kChannelSlots + channel);
+        return static_cast<std::size_t>(device * protocol::kChannels + channel);
     }
     Slot& slot(int device, int channel) noexcept { return entries_[position(device, channel)]; }
     const Slot& slot(int device, int channel) const noexcept { return entries_[position(device, channel)]; }
 
-    std::array<Slot, kDeviceSlots * kChannelSlots> entries_;
+    std::array<Slot, protocol::kHeadsets * protocol::kChannels> entries_;
 };
 
 /// Payload bytes of one headset that do not make a whole frame yet. Keeps its memory, so that a stream in its stride
@@ -121,7 +119,7 @@ class DeviceStreams {
         }
     }
 
-    std::array<ByteQueue, kDeviceSlots> queues_;
+    std::array<ByteQueue, protocol::kHeadsets> queues_;
     SpinLock ownerLock_;
     bool owned_ = false;
     std::atomic<bool> emptyRequested_{false};

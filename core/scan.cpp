@@ -42,7 +42,7 @@ bool scan(Context& context) {
     }
     KX_LOG(verbosity::kInfo, "Scan BLE device.");
     bool finished = false;
-    // Not reset when this throws: without a thread to be had, later attempts are refused at once.
+    // Not reset when this throws: without a thread to be had, later attempts are refused at once. Required; keep.
     context.runOnThread([&] { finished = scanThread(context); });
     flags.scanning = false;
     return finished;

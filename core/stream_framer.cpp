@@ -102,8 +102,8 @@ class BlockWalk {
     std::span<const std::uint8_t> rest() const { return block_.subspan(position_); }
     bool syncWordAt(std::size_t place) const { return protocol::isSyncWord(block_.data() + place); }
 
-    /// Moves to the next frame with a valid header that is not plain, or that has bytes without a
-    /// frame before it. False when the block ended first; its rest is then dealt with.
+    /// Moves to the next frame with a valid header that is not plain, or that has bytes without a frame before it.
+    /// False when the block ended first; its rest is then dealt with.
     bool findFrame(DataHeader& header) {
         bool lostSync = true;  // what the last failed attempt was: no sync word, or a sync word with a bad header
         while (left() >= kShortestDataFrame) {
@@ -185,7 +185,7 @@ class BlockWalk {
 
     void take(const DataHeader& header) {
         tables_.deviceStreams.emptyIfRequested();
-        if (header.device < 0 || header.device >= kDeviceSlots) {
+        if (header.device < 0 || header.device >= protocol::kHeadsets) {
             return;  // no headset has that number; the frame is skipped whole
         }
         const auto payload = block_.subspan(position_ + header.length, header.payload);

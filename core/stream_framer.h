@@ -35,16 +35,14 @@ class StreamFramer {
     StreamFramer(ReceiveTables& tables, CallbackTable& callbacks, const Flags& flags)
         : tables_(tables), callbacks_(callbacks), flags_(flags) {}
 
-    /// The framer: for blocks in the dongle's envelopes.
-    void parseFramed(std::span<const std::uint8_t> block, History& history);
-
-    /// The direct decoder: for blocks of bare headset frames.
-    void parseDirect(std::span<std::uint8_t> block, History& history);
-
-    /// Parses one block with whichever of the two `ctlFraming` asks for. An empty block clears the history.
+    /// Parses one block: with `ctlFraming` set one of the dongle's envelopes, else one of bare headset frames. An empty
+    /// block clears the history.
     void parse(std::span<std::uint8_t> block, History& history);
 
   private:
+    void parseFramed(std::span<const std::uint8_t> block, History& history);
+    void parseDirect(std::span<std::uint8_t> block, History& history);
+
     ReceiveTables& tables_;
     CallbackTable& callbacks_;
     const Flags& flags_;

@@ -5,8 +5,6 @@
 
 #include "base/log.h"
 
-#include "base/log.h"
-
 /// What the fuzz targets share.
 namespace fuzz {
 
@@ -28,13 +26,11 @@ class Log {
                 "fuzz", [](void*, const loguru::Message&) {}, nullptr, loguru::Verbosity_MAX);
         }
         kxorbeta_if::refreshLogCutoff();
-        kxorbeta_if::refreshLogCutoff();
     }
     ~Log() {
         if (wanted_) {
             loguru::remove_callback("fuzz");
         }
-        kxorbeta_if::refreshLogCutoff();
         kxorbeta_if::refreshLogCutoff();
     }
     Log(const Log&) = delete;

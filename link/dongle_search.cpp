@@ -26,9 +26,6 @@ Port::Result openAtDongleSettings(Port& port, const std::string& path, std::uint
 }
 
 bool attempt(Port& port, const std::string& path, const DongleSearch& search) {
-    if (port.isOpen()) {
-        port.close();  // what a failed attempt left: it would lock us out ourselves
-    }
     bool found = false;
     if (openAtDongleSettings(port, path, search.baud) == Port::kOpened) {
         for (int probe = 0; probe < kProbesPerAttempt && !found; ++probe) {

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <utility>

@@ -26,7 +26,7 @@ std::string deviceFile(std::string_view portName, std::string_view deviceFolder)
     }
     std::string path(deviceFolder);
     path += '/';
-    // USB adapters come first, because a dongle most likely is one: the search tries the numbers in order.
+    // USB adapters come first: the search tries the numbers in order.
     const int number = comNumber(portName);
     if (number >= 1 && number <= 32) {
         path += "ttyUSB" + std::to_string(number - 1);

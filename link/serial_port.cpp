@@ -99,11 +99,7 @@ class SerialPort::WriteTurn {
     WriteTurn(SerialPort& port, Clock::Time deadline) : port_(port) {
         const auto decided = [&] { return !port_.writing_ || port_.closing_; };
         std::unique_lock lock(port_.mutex_);
-        if (deadline == kNever) {
-            port_.changed_.wait(lock, decided);  // a time so far off overflows in some libraries
-        } else {
-            port_.changed_.wait_until(lock, deadline, decided);
-        }
+        systemClock().waitFor(port_.changed_, lock, deadline, decided);
         mine_ = !port_.writing_ && !port_.closing_;
         port_.writing_ |= mine_;
     }

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <span>
 #include <string_view>
 
 #include "base/text.h"
@@ -28,8 +27,8 @@ inline bool isSyncWord(const std::uint8_t* bytes) {
     return std::memcmp(bytes, kSyncWord.data(), kSyncWord.size()) == 0;
 }
 
-/// Reads a header that has digits, and nothing else, on both sides of the ':': the road of every
-/// undamaged frame. False for any other. kLongestHeader bytes lie at `start`.
+/// Reads a header that has digits, perhaps none, and nothing else on both sides of the ':'. False for any other.
+/// kLongestHeader bytes lie at `start`.
 inline bool readPlainHeader(const std::uint8_t* start, DataHeader& header) {
     if (!isSyncWord(start)) {
         return false;

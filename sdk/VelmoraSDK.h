@@ -81,7 +81,7 @@ extern "C" {
  */
 typedef struct DeviceInfo {
     char address[32]; /* Bluetooth address: 12 hexadecimal digits without ':', in the letter case received */
-    char name[64];    /* advertised name; empty in the connected list */
+    char name[64];    /* name that the scan reported; empty in the connected list */
     int32_t option;   /* scan list: 0 or 1 as the dongle reported; connected list: the option passed by the host */
     int32_t index;    /* always 0 in both lists; a headset's number arrives with event 2 */
     int32_t state;    /* always 0 in both lists; events tell whether a headset is there */

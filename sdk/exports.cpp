@@ -65,6 +65,7 @@ void SDK_Cleanup(void) {
         disconnectAll(sdk.core);
         if (sdk.core.port.isOpen()) {
             sdk.core.port.close();
+            sdk.core.linkThreads.prod();
         }
         KX_LOG(verbosity::kInfo, "KXSDK cleanup.");
         sdk.initialised = false;
@@ -104,6 +105,7 @@ void SDK_DisconnectPort(void) {
                 disconnectAll(sdk.core);
             }
             sdk.core.port.close();
+            sdk.core.linkThreads.prod();
         }
         sdk.rememberedPort.drop();
     });

@@ -1,10 +1,8 @@
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <utility>
 
 namespace kxorbeta_if {
 
@@ -26,7 +24,7 @@ class ble_device {
     }
 
     std::string address() const { return address_; }  ///< hexadecimal digits, 12 for a whole address
-    std::string name() const { return name_; }        ///< as advertised; empty when not known
+    std::string name() const { return name_; }        ///< as a scan reported it; empty when not known
     std::int32_t option() const { return option_; }   ///< 0 or 1 from a scan; in a connection request the host's value
     std::int32_t index() const { return index_; }     ///< the dongle's number for it; 0 until reported
     std::int32_t state() const { return state_; }     ///< 1 connected, 0 not; kept by the device registry only

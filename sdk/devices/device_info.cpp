@@ -1,7 +1,5 @@
 #include "sdk/devices/device_info.h"
 
-#include <string>
-
 #include "sdk/devices/bounded_copy.h"
 
 void convertToDeviceInfo(kxorbeta_if::ble_device& device, DeviceInfo* out) {
