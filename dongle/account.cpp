@@ -164,7 +164,7 @@ std::uint64_t Account::produced(std::size_t headset, int index, const HeadsetFra
             record.channel = frame.bytes[kChannelByte] & 0x0F;
         }
     }
-    records_.push_back(std::move(record));
+    records_.push_back(record);
     return first_ + records_.size() - 1;
 }
 

@@ -23,7 +23,7 @@ constexpr Time kLongestLag = 1s;
 Runner::Runner(Settings settings, std::unique_ptr<Transport> transport)
     : Runner(std::move(settings), std::move(transport), nullptr) {}
 
-Runner::Runner(Settings settings, LineMaker maker) : Runner(std::move(settings), maker(), maker) {}
+Runner::Runner(Settings settings, const LineMaker& maker) : Runner(std::move(settings), maker(), maker) {}
 
 Runner::Runner(Settings settings, std::unique_ptr<Transport> transport, LineMaker maker)
     : engine_(std::move(settings)),

@@ -33,7 +33,7 @@ class Runner {
     /// Starts at once. Throws what Engine throws.
     Runner(Settings settings, std::unique_ptr<Transport> transport);
     /// Also what `maker` throws. It makes the first line here and each further one on the runner's thread.
-    Runner(Settings settings, LineMaker maker);
+    Runner(Settings settings, const LineMaker& maker);
     /// Stops within a few hundredths of a second and closes the line.
     ~Runner();
     Runner(const Runner&) = delete;

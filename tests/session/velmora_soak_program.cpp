@@ -32,7 +32,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int kDongles = 4;
 constexpr std::uint64_t kPacketBytes = 242;    // with the shortest header
 constexpr std::uint64_t kGrowth = 16U << 20U;  // of memory, over the whole of it
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef VELMORA_SANITIZED
 constexpr bool kMemoryIsOurs = false;  // a sanitizer keeps what has been given back, and books of every access
 #else
 constexpr bool kMemoryIsOurs = true;
