@@ -41,6 +41,8 @@ struct Settings {
 ///
 /// One mutex guards all that the dongle's words and the host's calls change. The reading thread takes it once for each
 /// block it has read, and nobody waits for anything while holding it. The queue has no lock.
+///
+/// Life cycle and reading stand in session.cpp; conversations, commands and records in session_*.cpp.
 class Session : private Receiver::Listener {
   public:
     Session(const Environment& environment, const Settings& settings);

@@ -13,29 +13,19 @@ namespace {
 
 const std::string kReport = "Service connected. A1B2C3D4E5F6,12";
 
-/// What one chunk leads to.
-struct Routed {
-    bool restarted;
-    std::vector<std::string> log;
-};
-
-Routed route(const std::string& chunk) {
-    DeviceRegistry registry;
-    registry.append({"0123456789AB", 0, 1});
-    CallbackTable callbacks;
-    ReportRouter router({registry, callbacks});
-    const test::LogCapture log(0);
-    const test::ExactBlock exact({reinterpret_cast<const std::uint8_t*>(chunk.data()), chunk.size()});
-    const bool restarted = router.route(asText(exact.span()));
-    return {restarted, log.lines()};
+/// A chunk whose report ends at a place, in characters of text, with some behind it.
+std::string reportEndingAt(std::size_t end, std::size_t behind) {
+    return std::string(500, '\x80') + std::string(end - kReport.size() - 1, '.') + "\n" + kReport +
+           std::string(behind, '.');
 }
 
-TEST(ReportRouter, HandsTextToTheHandlersOfAllReportsInIt) {
+TEST(ReportRouter, HandsTheFirst2999CharactersOfTextToTheHandlersOfAllReportsInThem) {
     const std::string left = "Client disconnected,0123456789AB,19", list = "AT+LIST=none";
     const std::vector<std::string> leftLog = {"0 Update device 0123456789AB state to 0",
                                               "0 Device 0123456789AB disconnected."},
                                    listLog = {"0 No device connected"},
                                    joinedLog = {"0 A1B2C3D4E5F6(12) connected.", "0 Add device A1B2C3D4E5F6, index=12"},
+                                   cutLog = {"0 A1B2C3D4E5F6(1) connected.", "0 Add device A1B2C3D4E5F6, index=1"},
                                    all = {leftLog[0], leftLog[1], listLog[0], joinedLog[0], joinedLog[1]};
     const struct {
         const char* what;
@@ -58,34 +48,25 @@ TEST(ReportRouter, HandsTextToTheHandlersOfAllReportsInIt) {
                   "C3D4E5F6,1\x01"
                   "2\n",
          .log = joinedLog},
+        {.what = "2998", .chunk = reportEndingAt(2998, 0), .log = joinedLog},
+        {.what = "2999", .chunk = reportEndingAt(2999, 0), .log = joinedLog},
+        {.what = "2999 and one", .chunk = reportEndingAt(2999, 1), .log = joinedLog},
+        {.what = "2999 and many", .chunk = reportEndingAt(2999, 7000), .log = joinedLog},
+        {.what = "3000", .chunk = reportEndingAt(3000, 0), .log = cutLog},
+        {.what = "3000 and many", .chunk = reportEndingAt(3000, 7000), .log = cutLog},
+        {.what = "3040", .chunk = reportEndingAt(3040, 0), .log = {}},
+        {.what = "9000", .chunk = reportEndingAt(9000, 1000), .log = {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        const Routed routed = route(c.chunk);
-        EXPECT_EQ(routed.log, c.log);
-        EXPECT_EQ(routed.restarted, c.restarted);
-    }
-}
-
-TEST(ReportRouter, ReadsTheFirst2999CharactersOfText) {
-    const std::vector<std::string> whole = {"0 A1B2C3D4E5F6(12) connected.", "0 Add device A1B2C3D4E5F6, index=12"},
-                                   cut = {"0 A1B2C3D4E5F6(1) connected.", "0 Add device A1B2C3D4E5F6, index=1"};
-    const std::string noText(500, '\x80');
-    const struct {
-        std::size_t end;  // where the report ends, in characters of text
-        std::size_t behind;
-        std::vector<std::string> log;
-    } cases[] = {
-        {.end = 2998, .behind = 0, .log = whole}, {.end = 2999, .behind = 0, .log = whole},
-        {.end = 2999, .behind = 1, .log = whole}, {.end = 2999, .behind = 7000, .log = whole},
-        {.end = 3000, .behind = 0, .log = cut},   {.end = 3000, .behind = 7000, .log = cut},
-        {.end = 3040, .behind = 0, .log = {}},    {.end = 9000, .behind = 1000, .log = {}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(c.end) + " " + std::to_string(c.behind));
-        const std::string before(c.end - kReport.size() - 1, '.');
-        const Routed routed = route(noText + before + "\n" + kReport + std::string(c.behind, '.'));
-        EXPECT_EQ(routed.log, c.log);
+        DeviceRegistry registry;
+        registry.append({"0123456789AB", 0, 1});
+        CallbackTable callbacks;
+        ReportRouter router({registry, callbacks});
+        const test::LogCapture log(0);
+        const test::ExactBlock exact({reinterpret_cast<const std::uint8_t*>(c.chunk.data()), c.chunk.size()});
+        EXPECT_EQ(router.route(asText(exact.span())), c.restarted);
+        EXPECT_EQ(log.lines(), c.log);
     }
 }
 

@@ -31,23 +31,18 @@ using Replies = dongle::ReplySettings;
 
 /// What a host keeps of the records it has read.
 struct Seen {
-    std::vector<velmora_record> events, responses, batteries, processed;
-    std::map<int, std::uint64_t> raw, missing;  // by headset number
+    std::map<int, std::vector<velmora_record>> of;  // by kind
+    std::map<int, std::uint64_t> raw, missing;      // by headset number
 
-    std::size_t count(int event) const {
-        return static_cast<std::size_t>(
-            std::count_if(events.begin(), events.end(), [&](const velmora_record& e) { return e.code == event; }));
+    std::size_t count(int event) {
+        return static_cast<std::size_t>(std::count_if(of[VELMORA_EVENT].begin(), of[VELMORA_EVENT].end(),
+                                                      [&](const velmora_record& e) { return e.code == event; }));
     }
     void take(const velmora_record& record) {
+        of[record.kind].push_back(record);
         if (record.kind == VELMORA_RAW) {
             ++raw[record.headset];
             missing[record.headset] += record.lost + record.dropped;
-        } else {
-            (record.kind == VELMORA_EVENT      ? events
-             : record.kind == VELMORA_RESPONSE ? responses
-             : record.kind == VELMORA_BATTERY  ? batteries
-                                               : processed)
-                .push_back(record);
         }
     }
 };
@@ -164,7 +159,7 @@ TEST_F(SessionTest, FromScanToTheLastPacketOfSixteenHeadsets) {
     }
     EXPECT_TRUE(readUntil([&] { return seen.count(VELMORA_EVENT_DISCONNECTED) == 16; }));
     EXPECT_EQ(seen.count(VELMORA_EVENT_CONNECTED), 16u);
-    for (const velmora_record& event : seen.events) {
+    for (const velmora_record& event : seen.of[VELMORA_EVENT]) {
         EXPECT_GE(event.time, moment.time);
         EXPECT_LE(event.time, velmora_now());
     }
@@ -216,22 +211,18 @@ TEST_F(SessionTest, RecordsOfEveryKind) {
     EXPECT_EQ(response.index, 9);
     const std::vector<std::uint8_t> frame(response.bytes, response.bytes + 8);
     EXPECT_EQ(frame, dongle::shortResponse(0xDD, 0x42, payload));
-    std::vector<velmora_record> raw;
-    std::vector<velmora_record> records(64);
-    while (raw.size() < 5 || seen.batteries.size() < 2 || seen.processed.size() < 2 || seen.responses.empty()) {
-        const velmora::Batch batch = host->read(records, 1, 20s);
-        ASSERT_EQ(batch.status, VELMORA_OK);
-        std::for_each(batch.records.begin(), batch.records.end(), [&](const velmora_record& r) { seen.take(r); });
-        std::copy_if(batch.records.begin(), batch.records.end(), std::back_inserter(raw),
-                     [](const velmora_record& r) { return r.kind == VELMORA_RAW; });
-    }
-    EXPECT_EQ(seen.responses.front().time, response.time);
-    EXPECT_EQ(seen.batteries[0].values[0], 90u);
-    EXPECT_EQ(seen.batteries[0].values[1], 3700u);
-    const dongle::PostValues values = dongle::postValues(9, seen.processed[0].bytes[0]);
-    EXPECT_EQ(seen.processed[0].bytes[1], values.value2);
-    EXPECT_EQ(seen.processed[0].values[7], values.bands[7]);
-    for (const velmora_record& record : raw) {
+    ASSERT_TRUE(readUntil([&] {
+        return seen.raw[0] >= 5 && seen.of[VELMORA_BATTERY].size() >= 2 && seen.of[VELMORA_PROCESSED].size() >= 2 &&
+               !seen.of[VELMORA_RESPONSE].empty();
+    }));
+    EXPECT_EQ(seen.of[VELMORA_RESPONSE].front().time, response.time);
+    EXPECT_EQ(seen.of[VELMORA_BATTERY][0].values[0], 90u);
+    EXPECT_EQ(seen.of[VELMORA_BATTERY][0].values[1], 3700u);
+    const velmora_record processed = seen.of[VELMORA_PROCESSED][0];
+    const dongle::PostValues values = dongle::postValues(9, processed.bytes[0]);
+    EXPECT_EQ(processed.bytes[1], values.value2);
+    EXPECT_EQ(processed.values[7], values.bands[7]);
+    for (const velmora_record& record : seen.of[VELMORA_RAW]) {
         ASSERT_EQ(record.flags & VELMORA_FLAG_MULTI, VELMORA_FLAG_MULTI);
         ASSERT_EQ(record.channels, 5);
         ASSERT_EQ(record.count, 112 / 5);
@@ -364,7 +355,7 @@ TEST_F(SessionTest, HeadsetsThatAnEndedProgramLeftAreInferred) {
     host.reset();
     host = std::make_unique<velmora::Dongle>(path);
     ASSERT_TRUE(readUntil([&] { return seen.count(VELMORA_EVENT_CONNECTED) == 2; }));
-    EXPECT_EQ(seen.events[0].bytes[0], 0) << "nobody has said its address";
+    EXPECT_EQ(seen.of[VELMORA_EVENT][0].bytes[0], 0) << "nobody has said its address";
     EXPECT_EQ(host->headsets().at(0).connected, 1);
     EXPECT_STREQ(host->headsets().at(0).address, "");
     EXPECT_EQ(statusOf([&] { host->scan(1s); }), VELMORA_BUSY);

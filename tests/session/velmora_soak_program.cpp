@@ -8,9 +8,9 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -97,21 +97,17 @@ class Pair {
         const auto gone = static_cast<std::uint64_t>(events_[VELMORA_EVENT_GONE]);
         const std::uint64_t slack = 2 * harmful_ + cutOff / kPacketBytes + (cutOff > 0 ? gone : 0);
         const bool good = delivered_ + slack >= sent.whole && delivered_ <= sent.whole + sent.damaged && dropped_ == 0;
-        std::printf(
-            "dongle %d: produced %llu = lost %llu + dropped %llu + unread %llu + damaged %llu + whole %llu; "
-            "delivered %llu, harmful damage %llu; gone %d, restarted %d, connections %d; cut off %llu bytes; "
-            "stray bytes %llu, headers %llu, "
-            "incomplete %llu: %s\n",
-            number, ull(sent.produced), ull(sent.lost), ull(sent.dropped), ull(sent.unread), ull(sent.damaged),
-            ull(sent.whole), ull(delivered_), ull(harmful_), events_[VELMORA_EVENT_GONE],
-            events_[VELMORA_EVENT_RESTARTED], events_[VELMORA_EVENT_CONNECTED], ull(cutOff), ull(seen.stray_bytes),
-            ull(seen.damaged_headers), ull(seen.incomplete_frames), good ? "good" : "WRONG");
+        std::cout << "dongle " << number << ": produced " << sent.produced << " = lost " << sent.lost << " + dropped "
+                  << sent.dropped << " + unread " << sent.unread << " + damaged " << sent.damaged << " + whole "
+                  << sent.whole << "; delivered " << delivered_ << ", harmful damage " << harmful_ << "; gone " << gone
+                  << ", restarted " << events_[VELMORA_EVENT_RESTARTED] << ", connections "
+                  << events_[VELMORA_EVENT_CONNECTED] << "; cut off " << cutOff << " bytes; stray bytes "
+                  << seen.stray_bytes << ", headers " << seen.damaged_headers << ", incomplete "
+                  << seen.incomplete_frames << (good ? ": good" : ": WRONG") << std::endl;
         return good;
     }
 
   private:
-    static unsigned long long ull(std::uint64_t value) { return value; }
-
     void judge(const dongle::PacketRecord& packet) {
         using Part = dongle::FramePart;
         for (std::size_t copy = 0; copy < packet.copies; ++copy) {
@@ -179,8 +175,7 @@ int main(int argc, char** argv) {
     std::this_thread::sleep_for(howLong - std::min(howLong / 3, 15s));
     const std::uint64_t after = test::processMemory();
     bool good = after < before + kGrowth || !kMemoryIsOurs;
-    std::printf("memory: %llu, then %llu bytes: %s\n", static_cast<unsigned long long>(before),
-                static_cast<unsigned long long>(after), good ? "good" : "WRONG");
+    std::cout << "memory: " << before << ", then " << after << (good ? " bytes: good" : " bytes: WRONG") << std::endl;
     for (int number = 0; number < kDongles; ++number) {
         good &= pairs[static_cast<std::size_t>(number)]->finish(number);
     }
