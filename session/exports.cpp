@@ -201,8 +201,8 @@ velmora_status velmora_find(const velmora_find_options* options, velmora_port* p
             return invalid("count is null, the list is not valid, or the options do not carry their size.");
         }
         std::vector<velmora_port> found;
-        const Outcome outcome = findDongles(velmora::systemEnvironment(), (set.flags & VELMORA_FIND_ALL_PORTS) != 0,
-                                            signalOf(cancel), found);
+        Outcome outcome = findDongles(velmora::systemEnvironment(), (set.flags & VELMORA_FIND_ALL_PORTS) != 0,
+                                      signalOf(cancel), found);
         for (std::size_t i = 0; i < found.size(); ++i) {
             list.set(i, found[i]);
         }
@@ -417,7 +417,7 @@ velmora_status velmora_get_headset_statistics(velmora_dongle* dongle, int32_t he
             return {VELMORA_INVALID};
         }
         velmora_headset_statistics all{};
-        const Outcome outcome = session.headsetStatistics(headset, all);
+        Outcome outcome = session.headsetStatistics(headset, all);
         if (outcome.ok()) {
             writeSized(statistics, all);
         }

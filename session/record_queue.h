@@ -13,7 +13,7 @@ namespace velmora {
 /// The records between the thread that reads the port and the one host thread that takes them: neither ever waits for
 /// the other to leave a lock. Bounded: raw packets use all room but some that is kept for everything else, so that a
 /// host that has fallen behind still learns what happened.
-class RecordQueue {
+class RecordQueue {  // NOLINT(clang-analyzer-optin.performance.Padding): each side has a cache line
   public:
     /// `rawCapacity`: how many raw packets it holds.
     explicit RecordQueue(std::size_t rawCapacity);

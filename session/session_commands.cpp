@@ -70,7 +70,7 @@ Outcome Session::write(std::span<const std::uint8_t> bytes, const Signal* cancel
     if (written) {
         return {};
     }
-    if (const Outcome state = notOpen(); !state.ok()) {
+    if (Outcome state = notOpen(); !state.ok()) {
         return state;
     }
     return failure(VELMORA_TIMEOUT, "The port did not take a command for a second. Unplug the dongle and plug it in.");
@@ -84,7 +84,7 @@ Outcome Session::writeText(std::string_view text, const Signal* cancel) {
 Outcome Session::send(int target, std::uint8_t command, std::span<const std::uint8_t> payload, bool knownTexts) {
     protocol::CommandEnvelope envelope;
     std::uint8_t code = 0;
-    if (const Outcome built = buildCommand(target, command, payload, knownTexts, envelope, code); !built.ok()) {
+    if (Outcome built = buildCommand(target, command, payload, knownTexts, envelope, code); !built.ok()) {
         return built;
     }
     return writeCommand(envelope.bytes(), nullptr, nullptr);
@@ -93,11 +93,11 @@ Outcome Session::send(int target, std::uint8_t command, std::span<const std::uin
 Outcome Session::writeCommand(std::span<const std::uint8_t> bytes, const Signal* cancel, Request* request) {
     {
         const std::lock_guard guard(mutex_);
-        if (const Outcome state = notOpen(); !state.ok()) {
+        if (Outcome state = notOpen(); !state.ok()) {
             return state;
         }
     }
-    const Outcome outcome = write(bytes, cancel, request != nullptr ? &request->sent : nullptr);
+    Outcome outcome = write(bytes, cancel, request != nullptr ? &request->sent : nullptr);
     if (outcome.ok()) {
         const std::lock_guard guard(mutex_);
         ++commandCount_;
@@ -115,7 +115,7 @@ Outcome Session::request(int index, std::uint8_t command, std::span<const std::u
     if (index == VELMORA_ALL) {
         return invalid("A response comes from one headset: give its index, 0 to 15.");
     }
-    if (const Outcome built = buildCommand(index, command, payload, knownTexts, envelope, request.code); !built.ok()) {
+    if (Outcome built = buildCommand(index, command, payload, knownTexts, envelope, request.code); !built.ok()) {
         return built;
     }
     Request*& slot = requests_[static_cast<std::size_t>(index)];
