@@ -24,7 +24,7 @@ constexpr std::int64_t kPacketSamples = 112;
 
 struct Packet {
     int index;
-    std::uint64_t number;
+    std::uint64_t number;  // since the headset connected
     int channel;
     std::int64_t sent;  // nanoseconds
     bool whole;
@@ -33,6 +33,7 @@ struct Packet {
 std::vector<Packet> readAccount(const std::string& path, const std::string& address) {
     std::ifstream file(path);
     std::vector<Packet> packets;
+    int lastCounter = 0;
     std::string line;
     while (std::getline(file, line)) {
         std::vector<std::string> fields;
@@ -42,7 +43,12 @@ std::vector<Packet> readAccount(const std::string& path, const std::string& addr
         // headset,index,kind,number,channel,counter,produced_ns,copy,sent_ns,outcome,...
         if (fields.size() < 10 || fields[0] != address || fields[2] != "raw" || fields[7] == "2")
             continue;
-        packets.push_back({std::stoi(fields[1]), std::stoull(fields[3]), std::stoi(fields[4]),
+        // The account numbers them through; a headset that connects again begins with counter 0 anew.
+        const int channel = std::stoi(fields[4]);
+        const int counter = std::stoi(fields[5]);
+        const bool begins = packets.empty() || (channel == 0 && counter == 0 && lastCounter != 255);
+        lastCounter = counter;
+        packets.push_back({std::stoi(fields[1]), begins ? 0 : packets.back().number + 1, channel,
                            fields[8].empty() ? 0 : std::stoll(fields[8]), fields[9] == "whole"});
     }
     return packets;

@@ -31,8 +31,12 @@ void addPort(CLI::App& app, std::string& port) {
         ->check([](const std::string& text) { return text.empty() ? "a port has a name" : ""; });
 }
 
-void addQuiet(CLI::App& app, Invocation& invocation, bool& json, const std::string& help) {
-    app.add_flag("-q,--quiet", invocation.quiet, "Tell no progress, only results, warnings and errors");
+void addQuiet(CLI::App& app, bool& quiet) {
+    app.add_flag("-q,--quiet", quiet, "Tell no progress, only results, warnings and errors");
+}
+
+void addOutput(CLI::App& app, bool& quiet, bool& json, const std::string& help) {
+    addQuiet(app, quiet);
     app.add_flag("--json", json, help);
 }
 
@@ -68,7 +72,7 @@ void addNoScan(CLI::App& app, Choice& choice) {
         ->type_name("OPTION");
 }
 
-void checkChoice(const Choice& choice) {
+void check(const Choice& choice) {
     const auto& wanted = choice.headsets.wanted;
     const bool addresses = std::all_of(wanted.begin(), wanted.end(),
                                        [](const std::string& text) { return parseAddress(text).has_value(); });
@@ -77,14 +81,6 @@ void checkChoice(const Choice& choice) {
     }
     if (choice.headsets.all && !wanted.empty()) {
         throw CLI::ValidationError("--all", "excludes naming headsets");
-    }
-}
-
-void checkRecording(const record::Options& options) {
-    try {
-        record::checkOptions(options);
-    } catch (const std::invalid_argument& error) {
-        throw CLI::ValidationError("record", error.what());
     }
 }
 
@@ -103,52 +99,53 @@ void addReception(CLI::App& app, ReceptionOptions& options) {
                  "After a restart or an unplugging connect again and go on, instead of ending with 5");
 }
 
-/// A command whose options live as long as the invocation.
+void check(const record::Options& recording) {
+    try {
+        record::checkOptions(recording);
+    } catch (const std::invalid_argument& error) {
+        throw CLI::ValidationError("record", error.what());
+    }
+}
+
+/// A command whose options live as long as the invocation. `addOptions` gets them and the flag for quiet runs.
 template <typename Options>
-CLI::App* addCommand(CLI::App& app, Invocation& invocation, const std::string& name, const std::string& help,
-                     const std::shared_ptr<Options>& options, void (*run)(const Options&, Reporter&)) {
-    CLI::App* const command = app.add_subcommand(name, help);
-    command->final_callback([&invocation, options, run] {
+void addCommand(CLI::App& app, Invocation& invocation, const std::string& name, const std::string& help,
+                void (*addOptions)(CLI::App&, Options&, bool& quiet), void (*run)(const Options&, Reporter&)) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& command = *app.add_subcommand(name, help);
+    addOptions(command, *options, invocation.quiet);
+    command.final_callback([&invocation, options, run] {
         if constexpr (requires { options->choice; }) {
-            checkChoice(options->choice);
+            check(options->choice);
         }
         if constexpr (requires { options->recording; }) {
-            checkRecording(options->recording);
+            check(options->recording);
         }
         invocation.command = [options, run](Reporter& reporter) { run(*options, reporter); };
     });
-    return command;
 }
 
-void addFind(CLI::App& app, Invocation& invocation) {
-    const auto options = std::make_shared<FindOptions>();
-    auto* command = addCommand(app, invocation, "find", "Print the ports of dongles, one a line", options, findCommand);
-    command->add_flag("--all-ports", options->allPorts,
-                      "Ask every serial port, not only those on USB; that also happens when none is on USB");
-    addQuiet(*command, invocation, options->json, "Print all ports, with what is known of each, as JSON");
-    command->footer(footer("  velmora find\n  velmora find --json\n"));
+void addFind(CLI::App& command, FindOptions& options, bool& quiet) {
+    command.add_flag("--all-ports", options.allPorts,
+                     "Ask every serial port, not only those on USB; that also happens when none is on USB");
+    addOutput(command, quiet, options.json, "Print all ports, with what is known of each, as JSON");
+    command.footer(footer("  velmora find\n  velmora find --json\n"));
 }
 
-void addScan(CLI::App& app, Invocation& invocation) {
-    const auto options = std::make_shared<ScanOptions>();
-    auto* command =
-        addCommand(app, invocation, "scan", "Print the headsets that the dongle finds", options, scanCommand);
-    addPort(*command, options->port);
-    addQuiet(*command, invocation, options->json, "Print them as JSON");
-    command->footer(footer("  velmora scan\n  velmora scan --port COM5 --json\n"));
+void addScan(CLI::App& command, ScanOptions& options, bool& quiet) {
+    addPort(command, options.port);
+    addOutput(command, quiet, options.json, "Print them as JSON");
+    command.footer(footer("  velmora scan\n  velmora scan --port COM5 --json\n"));
 }
 
-void addStream(CLI::App& app, Invocation& invocation) {
-    const auto options = std::make_shared<StreamOptions>();
-    auto* command =
-        addCommand(app, invocation, "stream", "Show what headsets send, with rates and losses", options, streamCommand);
-    addHeadsets(*command, options->choice);
-    addReception(*command, options->reception);
-    command->add_option("--max-loss", options->maxLoss, "End with 8 when a headset lost more of its packets than that")
+void addStream(CLI::App& command, StreamOptions& options, bool& quiet) {
+    addHeadsets(command, options.choice);
+    addReception(command, options.reception);
+    command.add_option("--max-loss", options.maxLoss, "End with 8 when a headset lost more of its packets than that")
         ->check(CLI::Range(0.0, 100.0))
         ->type_name("PERCENT");
-    addQuiet(*command, invocation, options->json, "Print the counts at the end as JSON");
-    command->footer(
+    addOutput(command, quiet, options.json, "Print the counts at the end as JSON");
+    command.footer(
         footer("  velmora stream --all\n"
                "  velmora stream XAI-01 A1B2C3D4E502 --seconds 1m\n"
                "  velmora stream --all --seconds 10 --json --quiet\n"));
@@ -159,13 +156,10 @@ constexpr const char* kRecordHelp =
     "NAME.json with rates, start and losses; NAME-processed.csv when headsets send such data. Lost samples are filled\n"
     "and annotated (EDF+), or empty cells (CSV). A recording that is killed keeps all but the last second.\n";
 
-void addRecord(CLI::App& app, Invocation& invocation) {
-    const auto options = std::make_shared<RecordOptions>();
-    auto* command =
-        addCommand(app, invocation, "record", "Record headsets to EDF+ or CSV files", options, recordCommand);
-    addHeadsets(*command, options->choice);
-    addReception(*command, options->reception);
-    record::Options& recording = options->recording;
+void addRecord(CLI::App& command, RecordOptions& options, bool& quiet) {
+    addHeadsets(command, options.choice);
+    addReception(command, options.reception);
+    record::Options& recording = options.recording;
     const auto setTarget = [&recording](const std::string& name) {
         try {
             recording.target = record::Target::parse(name);
@@ -173,24 +167,24 @@ void addRecord(CLI::App& app, Invocation& invocation) {
             throw CLI::ValidationError("--output", error.what());
         }
     };
-    command->add_option_function<std::string>("-o,--output", setTarget, "Name of the files; see below")
+    command.add_option_function<std::string>("-o,--output", setTarget, "Name of the files; see below")
         ->type_name("NAME")
         ->required();
-    command->add_flag("-f,--force", recording.force, "Overwrite files that exist");
-    command->add_option("--rate", recording.rate, "Samples per second of a channel; without it: measured")
+    command.add_flag("-f,--force", recording.force, "Overwrite files that exist");
+    command.add_option("--rate", recording.rate, "Samples per second of a channel; without it: measured")
         ->type_name("HZ");
-    command->add_option("--unit", recording.unit, "Unit of the samples, for example uV");
-    command->add_option("--gain", recording.gain, "Units for each step of a sample; 1 unless said otherwise");
-    command->add_option("--labels", recording.labels, "Names of the channels: C3,C4,O1")->delimiter(',');
-    const auto addMark = [options](const std::string& text) {
+    command.add_option("--unit", recording.unit, "Unit of the samples, for example uV");
+    command.add_option("--gain", recording.gain, "Units for each step of a sample; 1 unless said otherwise");
+    command.add_option("--labels", recording.labels, "Names of the channels: C3,C4,O1")->delimiter(',');
+    const auto addMark = [&options](const std::string& text) {
         const auto mark = parseMark(text);
         if (!mark) {
             throw CLI::ValidationError("--mark", text + " is not a key and a text, such as b=blink");
         }
-        options->marks.push_back(*mark);
+        options.marks.push_back(*mark);
     };
     command
-        ->add_option_function<std::vector<std::string>>(
+        .add_option_function<std::vector<std::string>>(
             "-m,--mark",
             [addMark](const std::vector<std::string>& texts) { std::for_each(texts.begin(), texts.end(), addMark); },
             "A key that writes that text into the recording, for example b=blink; more than one may be given")
@@ -198,62 +192,52 @@ void addRecord(CLI::App& app, Invocation& invocation) {
         ->expected(1)
         ->take_all();
     command
-        ->add_option("--max-loss", options->maxLoss,
-                     "End with 8 when a headset lost more of its packets than that; 5 unless said otherwise")
+        .add_option("--max-loss", options.maxLoss,
+                    "End with 8 when a headset lost more of its packets than that; 5 unless said otherwise")
         ->check(CLI::Range(0.0, 100.0))
         ->type_name("PERCENT");
-    command->add_flag("-q,--quiet", invocation.quiet, "Tell no progress, only results, warnings and errors");
-    command->footer(std::string(kRecordHelp) + "\n" +
-                    footer("  velmora record -o monday XAI-01 --seconds 10m --mark b=blink\n"
-                           "  velmora record -o night --all --keep-going --unit uV --gain 0.195\n"
-                           "  velmora record -o table.csv\n"));
+    addQuiet(command, quiet);
+    command.footer(std::string(kRecordHelp) + "\n" +
+                   footer("  velmora record -o monday XAI-01 --seconds 10m --mark b=blink\n"
+                          "  velmora record -o night --all --keep-going --unit uV --gain 0.195\n"
+                          "  velmora record -o table.csv\n"));
 }
 
-void addPlot(CLI::App& app, Invocation& invocation) {
-    const auto options = std::make_shared<PlotOptions>();
-    auto* command = app.add_subcommand("plot", "Draw an EDF+ file as an SVG picture");
-    command->add_option("FILE", options->file, "The file, as record writes it")->required();
-    command->add_option("-o,--output", options->output, "The picture; - for standard output")->required();
-    command->add_flag("-f,--force", options->force, "Overwrite it if it exists");
-    addSeconds(*command, "--from", "Begin that long after the start",
-               [options](double seconds) { options->picture.from = seconds; });
-    addSeconds(*command, "--length", "Draw so much; without it: to the end",
-               [options](double seconds) { options->picture.length = seconds; });
-    command->add_option("--width", options->picture.width, "Pixels")
+void addPlot(CLI::App& command, PlotOptions& options, bool&) {
+    command.add_option("FILE", options.file, "The file, as record writes it")->required();
+    command.add_option("-o,--output", options.output, "The picture; - for standard output")
+        ->required()
+        ->check([](const std::string& text) { return text.empty() ? "a picture needs the name of a file" : ""; });
+    command.add_flag("-f,--force", options.force, "Overwrite it if it exists");
+    addSeconds(command, "--from", "Begin that long after the start",
+               [&options](double seconds) { options.picture.from = seconds; });
+    addSeconds(command, "--length", "Draw so much; without it: to the end",
+               [&options](double seconds) { options.picture.length = seconds; });
+    command.add_option("--width", options.picture.width, "Pixels")
         ->check(CLI::Range(400, 20000))
         ->capture_default_str();
-    command->final_callback([&invocation, options] {
-        if (options->output.empty()) {
-            throw CLI::ValidationError("--output", "needs the name of a file");
-        }
-        invocation.command = [options](Reporter& reporter) { plotCommand(*options, reporter); };
-    });
-    command->footer(
+    command.footer(
         footer("  velmora plot monday.edf -o monday.svg\n"
                "  velmora plot monday.edf -o minute.svg --from 5m --length 1m\n"));
 }
 
-void addSend(CLI::App& app, Invocation& invocation) {
-    const auto options = std::make_shared<SendOptions>();
-    auto* command =
-        addCommand(app, invocation, "send", "Connect a headset, send it a command, show its answer, and drop it again",
-                   options, sendCommand);
-    addPort(*command, options->choice.port);
-    auto* headset = command->add_option_function<std::string>(
-        "HEADSET", [options](const std::string& text) { options->choice.headsets.wanted = {text}; },
+void addSend(CLI::App& command, SendOptions& options, bool& quiet) {
+    addPort(command, options.choice.port);
+    auto* headset = command.add_option_function<std::string>(
+        "HEADSET", [&options](const std::string& text) { options.choice.headsets.wanted = {text}; },
         "Address or name as scan shows it; without it: the only one that a scan finds");
-    addNoScan(*command, options->choice);
-    auto* index = addNumber(*command, "-i,--index", 15,
+    addNoScan(command, options.choice);
+    auto* index = addNumber(command, "-i,--index", 15,
                             "Index of a headset that is connected already; it is neither connected nor dropped",
-                            [options](std::uint32_t number) { options->index = static_cast<int>(number); });
-    auto* all = command->add_flag_callback(
-        "-a,--all", [options] { options->index = VELMORA_ALL; }, "To all that are connected already");
+                            [&options](std::uint32_t number) { options.index = static_cast<int>(number); });
+    auto* all = command.add_flag_callback(
+        "-a,--all", [&options] { options.index = VELMORA_ALL; }, "To all that are connected already");
     index->excludes(headset);
     all->excludes(headset)->excludes(index);
-    addNumber(*command, "-c,--command", 0xFF, "Command code of the headset's firmware",
-              [options](std::uint32_t number) { options->command = static_cast<std::uint8_t>(number); })
+    addNumber(command, "-c,--command", 0xFF, "Command code of the headset's firmware",
+              [&options](std::uint32_t number) { options.command = static_cast<std::uint8_t>(number); })
         ->required();
-    const auto setPayload = [options](const std::string& text) {
+    const auto setPayload = [&options](const std::string& text) {
         const auto payload = parsePayload(text);
         if (!payload) {
             throw CLI::ValidationError("--payload", text + " is not a row of bytes such as 01ff20 or 01:ff:20");
@@ -262,45 +246,35 @@ void addSend(CLI::App& app, Invocation& invocation) {
         if (!(size <= 4 || size == 8 || (size >= 10 && size <= 12))) {
             throw CLI::ValidationError("--payload", "commands carry 0 to 4, 8, 10, 11 or 12 bytes");
         }
-        options->payload = *payload;
+        options.payload = *payload;
     };
     command
-        ->add_option_function<std::string>("--payload", setPayload,
-                                           "0 to 4, 8, 10, 11 or 12 bytes; with 4 and 12 the last one goes out in "
-                                           "place of the command code")
+        .add_option_function<std::string>("--payload", setPayload,
+                                          "0 to 4, 8, 10, 11 or 12 bytes; with 4 and 12 the last one goes out in "
+                                          "place of the command code")
         ->type_name("HEX");
-    addSeconds(*command, "-t,--timeout", "How long to wait for the answer; 1 second unless said otherwise",
-               [options](double seconds) { options->seconds = std::min(seconds, 1e6); });
-    command->add_flag("--keep", options->keep, "Leave the headset connected, for commands with --index");
-    command->add_flag(
-        "--shared", options->shared,
-        "For an index that the dongle's language cannot reach alone (0, 10, 12 to 15): send the text that "
-        "other headsets get too");
-    command->add_flag("-q,--quiet", invocation.quiet, "Tell no progress, only the answer, warnings and errors");
-    command->footer(
+    addSeconds(command, "-t,--timeout", "How long to wait for the answer; 1 second unless said otherwise",
+               [&options](double seconds) { options.seconds = std::min(seconds, 1e6); });
+    command.add_flag("--keep", options.keep, "Leave the headset connected, for commands with --index");
+    command.add_flag("--shared", options.shared,
+                     "For an index that the dongle's language cannot reach alone (0, 10, 12 to 15): send the text that "
+                     "other headsets get too");
+    addQuiet(command, quiet);
+    command.footer(
         footer("  velmora send XAI-01 -c 0x21 --payload 01:02:03\n"
                "  velmora send XAI-01 -c 0x21 --keep && velmora send --index 1 -c 0x22\n"));
 }
 
-void addReset(CLI::App& app, Invocation& invocation) {
-    const auto port = std::make_shared<std::string>();
-    auto* command = app.add_subcommand(
-        "reset", "Let the dongle drop all headsets, such as those of a run that did not end in order");
-    addPort(*command, *port);
-    command->add_flag("-q,--quiet", invocation.quiet, "Tell no progress");
-    command->final_callback(
-        [&invocation, port] { invocation.command = [port](Reporter& reporter) { resetCommand(*port, reporter); }; });
-    command->footer(footer("  velmora reset\n"));
+void addReset(CLI::App& command, ResetOptions& options, bool& quiet) {
+    addPort(command, options.port);
+    addQuiet(command, quiet);
+    command.footer(footer("  velmora reset\n"));
 }
 
-void addDoctor(CLI::App& app, Invocation& invocation) {
-    const auto options = std::make_shared<DoctorOptions>();
-    auto* command = addCommand(app, invocation, "doctor",
-                               "Look at ports, permissions, dongle and a second of data; say what to mend, and how",
-                               options, doctorCommand);
-    addPort(*command, options->port);
-    addQuiet(*command, invocation, options->json, "Print the findings as JSON");
-    command->footer(footer("  velmora doctor\n  velmora doctor --port /dev/ttyUSB1 --json\n"));
+void addDoctor(CLI::App& command, DoctorOptions& options, bool& quiet) {
+    addPort(command, options.port);
+    addOutput(command, quiet, options.json, "Print the findings as JSON");
+    command.footer(footer("  velmora doctor\n  velmora doctor --port /dev/ttyUSB1 --json\n"));
 }
 
 }  // namespace
@@ -310,14 +284,19 @@ std::optional<int> parseCommandLine(std::vector<std::string> arguments, Invocati
     app.footer(std::string(kExamples) + "\n" + kExitCodesHelp);
     app.set_version_flag("--version", std::string("velmora ") + velmora_version());
     app.require_subcommand(1);
-    addDoctor(app, invocation);
-    addFind(app, invocation);
-    addScan(app, invocation);
-    addRecord(app, invocation);
-    addPlot(app, invocation);
-    addStream(app, invocation);
-    addSend(app, invocation);
-    addReset(app, invocation);
+    const auto add = [&](const std::string& name, const std::string& help, auto addOptions, auto run) {
+        addCommand(app, invocation, name, help, addOptions, run);
+    };
+    add("doctor", "Look at ports, permissions, dongle and a second of data; say what to mend, and how", addDoctor,
+        doctorCommand);
+    add("find", "Print the ports of dongles, one a line", addFind, findCommand);
+    add("scan", "Print the headsets that the dongle finds", addScan, scanCommand);
+    add("record", "Record headsets to EDF+ or CSV files", addRecord, recordCommand);
+    add("plot", "Draw an EDF+ file as an SVG picture", addPlot, plotCommand);
+    add("stream", "Show what headsets send, with rates and losses", addStream, streamCommand);
+    add("send", "Connect a headset, send it a command, show its answer, and drop it again", addSend, sendCommand);
+    add("reset", "Let the dongle drop all headsets, such as those of a run that did not end in order", addReset,
+        resetCommand);
     std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
     try {
         app.parse(std::move(arguments));

@@ -55,6 +55,10 @@ struct SendOptions {
     bool shared = false;  ///< send it also where other headsets get it too
 };
 
+struct ResetOptions {
+    std::string port;
+};
+
 struct DoctorOptions {
     std::string port;
     bool json = false;
@@ -66,7 +70,7 @@ void streamCommand(const StreamOptions& options, Reporter& reporter);
 void recordCommand(const RecordOptions& options, Reporter& reporter);
 void plotCommand(const PlotOptions& options, Reporter& reporter);
 void sendCommand(const SendOptions& options, Reporter& reporter);
-void resetCommand(const std::string& port, Reporter& reporter);
+void resetCommand(const ResetOptions& options, Reporter& reporter);
 void doctorCommand(const DoctorOptions& options, Reporter& reporter);
 
 /// The state of a recording in one line, in shorter words where it would fill that many columns.

@@ -118,27 +118,20 @@ std::vector<Found> Connection::scan() {
 }
 
 bool Connection::headsetsLeft() {
-    for (;;) {
-        for (const Headset& headset : dongle_.headsets()) {
-            if (headset.connected != 0) {
-                return true;
-            }
-        }
+    while (!anyConnected()) {
         if (velmora_now() - opened_ > kInferenceTime) {
             return false;
         }
         pause();
     }
+    return true;
 }
 
 std::vector<Found> Connection::scanFor(const Choice& choice) {
     std::optional<Failure> failure;
     try {
         const auto found = scan();
-        const auto headsets = dongle_.headsets();
-        const bool left = std::any_of(headsets.begin(), headsets.end(),
-                                      [](const Headset& headset) { return headset.connected != 0; });
-        if (!left) {
+        if (!anyConnected()) {
             return choose(found, choice.headsets);
         }
     } catch (const Error& error) {
@@ -190,9 +183,18 @@ void Connection::connect(std::vector<Found> chosen) {
                           detail::milliseconds(kConnectTime), get(&userStop()), check.error()));
 }
 
+bool Connection::anyConnected() {
+    const auto headsets = dongle_.headsets();
+    return std::any_of(headsets.begin(), headsets.end(), [](const Headset& headset) { return headset.connected != 0; });
+}
+
 void Connection::dropLeft() {
     reporter_.say("headsets of a run that did not end in order still send; the dongle drops them");
-    dongle_.dropAll();
+    // Data that is on its way yet counts as that of connected headsets, and the dongle's next scan would be refused.
+    while (headsetsLeft()) {
+        dropAll();
+        pause();
+    }
 }
 
 bool Connection::connectAgain() {

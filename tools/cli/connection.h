@@ -57,6 +57,7 @@ class Connection {
 
   private:
     std::vector<Found> scanFor(const Choice& choice);
+    bool anyConnected();
     void dropLeft();
 
     Reporter& reporter_;

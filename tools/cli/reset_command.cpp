@@ -15,8 +15,8 @@ constexpr auto kLook = 700ms;
 
 }  // namespace
 
-void resetCommand(const std::string& port, Reporter& reporter) {
-    Connection connection(port, reporter);
+void resetCommand(const ResetOptions& options, Reporter& reporter) {
+    Connection connection(options.port, reporter);
     connection.dropAll();
     std::this_thread::sleep_for(kOnTheWay);
     connection.dongle().start();

@@ -56,7 +56,8 @@ class Files {
     virtual ~Files() = default;
     /// Makes a file with this content; there is no moment in which it is there with less. Throws FileError.
     virtual std::unique_ptr<OutputFile> create(const std::string& path, Bytes content, IfExists ifExists) = 0;
-    /// Throws FileError if create() would refuse because of what is there already.
+    /// Throws FileError if create() would refuse because of what is there already, or because nothing can be made
+    /// there.
     virtual void check(const std::string& path, IfExists ifExists) = 0;
 };
 

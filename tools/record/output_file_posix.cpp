@@ -90,8 +90,8 @@ void writeAll(const Descriptor& file, const std::string& path, std::uint64_t off
     }
 }
 
-// The content goes to a file beside, which then takes the name: there is always a whole file under it.
-Descriptor prepare(const std::string& path, Bytes content) {
+// A file beside, of this program alone.
+Descriptor openBeside(const std::string& path) {
     const std::string beside = path + ".tmp";
     for (;;) {
         Descriptor file(::open(beside.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
@@ -99,18 +99,27 @@ Descriptor prepare(const std::string& path, Bytes content) {
             fail(path, "made", errno);
         if (!lock(file))
             inUse(path);
-        if (!sameFile(file, beside))  // its maker gave it its name in between
-            continue;
-        try {
-            if (::ftruncate(file.get(), 0) != 0)
-                fail(path, "made", errno);
-            writeAll(file, path, 0, content);
-        } catch (...) {
-            (void)::unlink(beside.c_str());
-            throw;
-        }
-        return file;
+        if (sameFile(file, beside))  // or its maker gave it its name in between
+            return file;
     }
+}
+
+void removeBeside(const std::string& path) {
+    (void)::unlink((path + ".tmp").c_str());
+}
+
+// The content goes to a file beside, which then takes the name: there is always a whole file under it.
+Descriptor prepare(const std::string& path, Bytes content) {
+    Descriptor file = openBeside(path);
+    try {
+        if (::ftruncate(file.get(), 0) != 0)
+            fail(path, "made", errno);
+        writeAll(file, path, 0, content);
+    } catch (...) {
+        removeBeside(path);
+        throw;
+    }
+    return file;
 }
 
 void giveName(const std::string& path, bool overwrite) {
@@ -121,7 +130,7 @@ void giveName(const std::string& path, bool overwrite) {
         const bool unsupported = errno == EINVAL || errno == ENOSYS;
         if (!unsupported || ::access(path.c_str(), F_OK) == 0) {
             const int code = unsupported ? EEXIST : errno;
-            (void)::unlink(beside.c_str());
+            removeBeside(path);
             if (code == EEXIST)
                 exists(path);
             fail(path, "made", code);
@@ -129,7 +138,7 @@ void giveName(const std::string& path, bool overwrite) {
     }
     if (::rename(beside.c_str(), path.c_str()) != 0) {
         const int code = errno;
-        (void)::unlink(beside.c_str());
+        removeBeside(path);
         fail(path, "made", code);
     }
 }
@@ -182,7 +191,11 @@ class PosixFiles final : public Files {
         return std::make_unique<PosixFile>(path, std::move(file));
     }
 
-    void check(const std::string& path, IfExists ifExists) override { (void)checked(path, ifExists); }
+    void check(const std::string& path, IfExists ifExists) override {
+        const Descriptor old = checked(path, ifExists);
+        const Descriptor file = openBeside(path);
+        removeBeside(path);
+    }
 
   private:
     static Descriptor checked(const std::string& path, IfExists ifExists) {

@@ -113,18 +113,26 @@ void setSize(const Handle& file, const std::string& path, std::uint64_t size) {
         fail(path, "written", ::GetLastError());
 }
 
-// The content goes to a file beside, which then takes the name: there is always a whole file under it.
-Handle prepare(const std::string& path, Bytes content) {
-    const std::string beside = path + ".tmp";
-    Handle file = open(beside, OPEN_ALWAYS);
+Handle openBeside(const std::string& path) {
+    Handle file = open(path + ".tmp", OPEN_ALWAYS);
     if (!file.valid())
         fail(path, "made", ::GetLastError());
+    return file;
+}
+
+void removeBeside(Handle& file, const std::string& path) {
+    file.close();
+    ::DeleteFileW(wide(path + ".tmp").c_str());
+}
+
+// The content goes to a file beside, which then takes the name: there is always a whole file under it.
+Handle prepare(const std::string& path, Bytes content) {
+    Handle file = openBeside(path);
     try {
         setSize(file, path, 0);
         writeAll(file, path, 0, content);
     } catch (...) {
-        file.close();
-        ::DeleteFileW(wide(beside).c_str());
+        removeBeside(file, path);
         throw;
     }
     return file;
@@ -135,8 +143,7 @@ void giveName(Handle& file, const std::string& path, bool overwrite) {
     if (::MoveFileExW(wide(beside).c_str(), wide(path).c_str(), overwrite ? MOVEFILE_REPLACE_EXISTING : 0) != 0)
         return;
     const DWORD code = ::GetLastError();
-    file.close();
-    ::DeleteFileW(wide(beside).c_str());
+    removeBeside(file, path);
     if (code == ERROR_ALREADY_EXISTS || code == ERROR_FILE_EXISTS)
         exists(path);
     fail(path, "made", code);
@@ -175,13 +182,20 @@ class Win32File final : public OutputFile {
 class Win32Files final : public Files {
   public:
     std::unique_ptr<OutputFile> create(const std::string& path, Bytes content, IfExists ifExists) override {
-        check(path, ifExists);
+        checkOld(path, ifExists);
         Handle file = prepare(path, content);
         giveName(file, path, ifExists == IfExists::Overwrite);
         return std::make_unique<Win32File>(path, std::move(file));
     }
 
     void check(const std::string& path, IfExists ifExists) override {
+        checkOld(path, ifExists);
+        Handle file = openBeside(path);
+        removeBeside(file, path);
+    }
+
+  private:
+    static void checkOld(const std::string& path, IfExists ifExists) {
         const DWORD attributes = ::GetFileAttributesW(wide(path).c_str());
         if (attributes == INVALID_FILE_ATTRIBUTES)
             return;
