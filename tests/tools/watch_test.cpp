@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <sstream>
+
+#include "cli/live_display.h"
+#include "cli/progress.h"
 
 namespace velmora::cli {
 namespace {
@@ -103,6 +108,43 @@ TEST_F(WatchTest, TellsWhoLeftAndWhoCameBack) {
     watch_.beginAgain(headsets_, 20 * kSecond);
     EXPECT_TRUE(watch_.anyConnected());
     EXPECT_EQ(watch_.silentSeconds(21 * kSecond), 1);
+}
+
+// A night with all the headsets that a dongle has: nothing is cut off at 80 columns, and nothing scrolls.
+TEST(Terminal, OfEightyColumnsAndTwentyFourLinesShowsAll) {
+    HeadsetView busy{"A1B2C3D4E516", "XAI-16", 15, true, 0, 8, 499.9, 500.1, 10'285'714, 102'857, 0, 0, 100};
+    HeadsetView silent = busy;
+    silent.silentSeconds = 35'999;
+    std::vector<HeadsetView> views(16, busy);
+    views.back() = silent;
+    std::ostringstream out;
+    LiveDisplay(out, [](int) {}).show(tableLines(views, 36'000, "/dev/serial/by-id/usb-dongle"), 80, 24);
+    const std::string all = out.str();
+    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 18);
+    EXPECT_NE(all.find(" 8 x 500.0          10285714  103k (1.0 %)    100\n"), std::string::npos) << all;
+    EXPECT_NE(all.find("no data 9:59:59    10285714"), std::string::npos) << all;
+
+    struct Case {
+        double seconds;
+        int headsets, connected;
+        std::uint64_t packets, lost, bytes;
+        const char* line;
+    };
+    for (const Case& c :
+         {Case{7, 1, 1, 500, 0, 2'000, "0:07  1 headset  500 packets  lost 0  2.0 kB  batt 90  83.2 GB free"},
+          Case{3'599, 16, 16, 2'000'000, 20'000, 400'000'000,
+               "59:59  16 on  32000000 pkts  lost 320000 (1.0 %)  400 MB  batt 90  83.2 GB free"},
+          Case{36'000, 16, 14, 1'285'714, 12'857, 12'300'000'000,
+               "10:00:00  14/16  20.6M pkts  lost 206k (1.0 %)  12.3 GB  batt 90  83.2 GB free"}}) {
+        record::Progress progress;
+        for (int i = 0; i < c.headsets; ++i) {
+            progress.headsets.push_back({{}, 0, c.packets, c.lost, i == 0 ? 90 : -1, 0, 0, i < c.connected, ""});
+        }
+        progress.bytes = c.bytes;
+        const std::string line = progressLine(progress, c.seconds, 83'200'000'000, 80);
+        EXPECT_EQ(line, c.line);
+        EXPECT_LT(line.size(), 80U);
+    }
 }
 
 }  // namespace

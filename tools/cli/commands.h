@@ -73,8 +73,4 @@ void sendCommand(const SendOptions& options, Reporter& reporter);
 void resetCommand(const ResetOptions& options, Reporter& reporter);
 void doctorCommand(const DoctorOptions& options, Reporter& reporter);
 
-/// The state of a recording in one line, in shorter words where it would fill that many columns.
-///   freeBytes  what is left on the disk; 0: not known
-std::string progressLine(const record::Progress& progress, double seconds, std::uint64_t freeBytes, std::size_t width);
-
 }  // namespace velmora::cli

@@ -4,6 +4,7 @@
 
 #include "cli/commands.h"
 #include "cli/failure.h"
+#include "cli/progress.h"
 #include "cli/terminal.h"
 #include "cli/text.h"
 #include "record/local_time.h"
@@ -113,36 +114,6 @@ class Recorder {
 };
 
 }  // namespace
-
-std::string progressLine(const record::Progress& progress, double seconds, std::uint64_t freeBytes, std::size_t width) {
-    std::uint64_t packets = 0;
-    std::uint64_t lost = 0;
-    int battery = -1;
-    std::size_t connected = 0;
-    for (const record::HeadsetProgress& headset : progress.headsets) {
-        packets += headset.packets;
-        lost += headset.lost;
-        connected += headset.connected ? 1 : 0;
-        if (headset.battery >= 0 && (battery < 0 || headset.battery < battery)) {
-            battery = headset.battery;
-        }
-    }
-    const std::size_t all = progress.headsets.size();
-    const std::string on = (connected < all ? std::to_string(connected) + "/" : "") + std::to_string(all);
-    const auto join = [&](const char* headsets, const char* packetsWord) {
-        std::string line = timeText(seconds) + "  " + on + headsets + "  " + std::to_string(packets) + packetsWord +
-                           "  lost " + lossText(packets, lost) + "  " + sizeText(progress.bytes);
-        if (battery >= 0) {
-            line += "  batt " + std::to_string(battery);
-        }
-        if (freeBytes > 0) {
-            line += "  " + sizeText(freeBytes) + " free";
-        }
-        return line;
-    };
-    const std::string line = join(all == 1 ? " headset" : " headsets", " packets");
-    return line.size() < width ? line : join(" on", " pkts");
-}
 
 void recordCommand(const RecordOptions& options, Reporter& reporter) {
     try {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <span>
 
 namespace velmora::cli {
 
@@ -38,25 +39,36 @@ double lossPercent(std::uint64_t packets, std::uint64_t lost) {
     return lost == 0 ? 0 : 100 * static_cast<double>(lost) / sent;
 }
 
-std::string lossText(std::uint64_t packets, std::uint64_t lost) {
+std::string lossText(std::uint64_t packets, std::uint64_t lost, bool brief) {
     if (lost == 0) {
         return "0";
     }
     const double percent = lossPercent(packets, lost);
     const std::string share = percent < 0.1 ? "<0.1" : fixed(percent, percent < 10 ? 1 : 0);
-    return std::to_string(lost) + " (" + share + " %)";
+    return (brief ? countText(lost) : std::to_string(lost)) + " (" + share + " %)";
 }
 
-std::string sizeText(std::uint64_t bytes) {
-    constexpr std::array kUnits{"B", "kB", "MB", "GB", "TB", "PB"};
-    auto size = static_cast<double>(bytes);
+namespace {
+
+std::string scaled(std::uint64_t number, std::span<const char* const> units) {
+    auto size = static_cast<double>(number);
     std::size_t unit = 0;
     // What would be rounded to 1000 is shown in the next unit.
-    while (size >= 999.5 && unit + 1 < kUnits.size()) {
+    while (size >= 999.5 && unit + 1 < units.size()) {
         size /= 1000;
         ++unit;
     }
-    return fixed(size, unit == 0 || size >= 99.95 ? 0 : 1) + " " + kUnits[unit];
+    return fixed(size, unit == 0 || size >= 99.95 ? 0 : 1) + units[unit];
+}
+
+}  // namespace
+
+std::string sizeText(std::uint64_t bytes) {
+    return scaled(bytes, std::array{" B", " kB", " MB", " GB", " TB", " PB"});
+}
+
+std::string countText(std::uint64_t count) {
+    return scaled(count, std::array{"", "k", "M", "G"});
 }
 
 std::string timeText(double seconds) {

@@ -17,13 +17,15 @@ std::string fixed(double value, int decimals);
 std::string padded(std::string_view text, std::size_t width);
 std::string rightPadded(std::string_view text, std::size_t width);
 
-/// "12 (0.3 %)"; "0" for none.
-std::string lossText(std::uint64_t packets, std::uint64_t lost);
+/// "12 (0.3 %)"; "0" for none. `brief`: the number as countText() has it.
+std::string lossText(std::uint64_t packets, std::uint64_t lost, bool brief = false);
 /// Of all packets that were sent, 0 to 100.
 double lossPercent(std::uint64_t packets, std::uint64_t lost);
 
 /// "512 B", "1.5 MB" and so on, in steps of 1000.
 std::string sizeText(std::uint64_t bytes);
+/// "512", "1.5k", "20.6M", likewise.
+std::string countText(std::uint64_t count);
 
 /// "0:07", "12:34", "1:02:03".
 std::string timeText(double seconds);

@@ -27,7 +27,8 @@ std::string stateText(const HeadsetView& view, const char* unit) {
         return "left";
     }
     if (view.silentSeconds > kSilent) {
-        return "no data for " + std::to_string(static_cast<long>(view.silentSeconds)) + " s";
+        return view.silentSeconds < 1000 ? "no data for " + std::to_string(static_cast<long>(view.silentSeconds)) + " s"
+                                         : "no data " + timeText(view.silentSeconds);
     }
     return view.fastest > 0 ? rateText(view.channels, view.slowest, view.fastest) + unit : "...";
 }
@@ -168,19 +169,25 @@ void Watch::beginAgain(std::span<const Headset> headsets, std::int64_t now) {
 }
 
 std::vector<std::string> tableLines(std::span<const HeadsetView> views, double seconds, std::string_view port) {
+    constexpr std::size_t kLossWidth = 13;
     std::vector<std::string> lines;
     lines.push_back(timeText(seconds) + "  " + std::string(port) + "  Ctrl-C ends");
     const auto add = [&lines](std::string_view address, std::string_view name, std::string_view index,
                               std::string_view state, std::string_view packets, std::string_view lost,
                               std::string_view battery) {
         lines.push_back(padded(address, 12) + "  " + padded(name, 10) + "  " + rightPadded(index, 3) + "  " +
-                        padded(state, 17) + " " + rightPadded(packets, 9) + "  " + padded(lost, 13) + "  " +
+                        padded(state, 17) + " " + rightPadded(packets, 9) + "  " + padded(lost, kLossWidth) + "  " +
                         rightPadded(battery, 4));
     };
     add("ADDRESS", "NAME", "IDX", "CH x SAMPLES/S", "PACKETS", "LOST", "BATT");
     for (const HeadsetView& view : views) {
+        const std::uint64_t missing = view.lost + view.dropped;
+        std::string lost = lossText(view.packets, missing);
+        if (lost.size() > kLossWidth) {
+            lost = lossText(view.packets, missing, true);
+        }
         add(view.address, view.name, view.index < 0 ? "-" : std::to_string(view.index), stateText(view, ""),
-            std::to_string(view.packets), lossText(view.packets, view.lost + view.dropped), batteryText(view));
+            std::to_string(view.packets), lost, batteryText(view));
     }
     return lines;
 }
