@@ -23,18 +23,21 @@ void LiveDisplay::show(const std::vector<std::string>& lines, int width, int hei
             break;
         }
         shown_.push_back(line.substr(0, room));
-        out_ << shown_.back() << "\n";
     }
-    out_.flush();
+    draw("");
+}
+
+/// In one piece, so that nothing flickers.
+void LiveDisplay::draw(std::string text) {
+    for (const std::string& line : shown_) {
+        text += line + "\n";
+    }
+    out_ << text << std::flush;
 }
 
 void LiveDisplay::note(const std::string& text) {
     erase();
-    out_ << text << "\n";
-    for (const std::string& line : shown_) {
-        out_ << line << "\n";
-    }
-    out_.flush();
+    draw(text + "\n");
 }
 
 }  // namespace velmora::cli

@@ -24,6 +24,7 @@ class LiveDisplay {
 
   private:
     void erase();
+    void draw(std::string text);
 
     std::ostream& out_;
     const Erase erase_;

@@ -4,8 +4,10 @@
 #endif
 #include <windows.h>
 // After <windows.h>, which it needs.
-#include <conio.h>
 #include <shellapi.h>
+
+#include <iostream>
+#include <streambuf>
 
 #include "cli/terminal.h"
 
@@ -18,6 +20,46 @@ std::string utf8(const wchar_t* text) {
     ::WideCharToMultiByte(CP_UTF8, 0, text, -1, result.data(), size, nullptr, nullptr);
     result.pop_back();  // the zero byte
     return result;
+}
+
+/// Shows UTF-8 on a console, a line or more in each call: the C library hands it over byte by byte, which cuts letters
+/// to pieces and lets a table flicker.
+class ConsoleBuffer final : public std::streambuf {
+  public:
+    explicit ConsoleBuffer(HANDLE console) : console_(console) {}
+
+  protected:
+    std::streamsize xsputn(const char* text, std::streamsize count) override {
+        waiting_.append(text, static_cast<std::size_t>(count));
+        return waiting_.ends_with('\n') && sync() != 0 ? 0 : count;
+    }
+    int_type overflow(int_type c) override {
+        const char letter = traits_type::to_char_type(c);
+        return xsputn(&letter, 1) == 1 ? c : traits_type::eof();
+    }
+    int sync() override {
+        const auto bytes = static_cast<int>(waiting_.size());
+        std::wstring wide(waiting_.size(), L'\0');
+        const int letters = ::MultiByteToWideChar(CP_UTF8, 0, waiting_.data(), bytes, wide.data(), bytes);
+        waiting_.clear();
+        DWORD written = 0;
+        return letters == 0 ||
+                       ::WriteConsoleW(console_, wide.data(), static_cast<DWORD>(letters), &written, nullptr) != 0
+                   ? 0
+                   : -1;
+    }
+
+  private:
+    const HANDLE console_;
+    std::string waiting_;
+};
+
+void showUtf8(std::ostream& stream, DWORD handle) {
+    const HANDLE console = ::GetStdHandle(handle);
+    DWORD mode = 0;
+    if (::GetConsoleMode(console, &mode) != 0) {
+        stream.rdbuf(new ConsoleBuffer(console));  // for as long as anything may write, the end of the program included
+    }
 }
 
 }  // namespace
@@ -34,7 +76,8 @@ Console consoleOfOutput() {
 }
 
 void prepareConsole() {
-    ::SetConsoleOutputCP(CP_UTF8);
+    showUtf8(std::cout, STD_OUTPUT_HANDLE);
+    showUtf8(std::cerr, STD_ERROR_HANDLE);
 }
 
 void eraseLines(int count) {
@@ -67,7 +110,8 @@ std::vector<std::string> programArguments(int, char**) {
 
 struct Keyboard::Inside {
     HANDLE input = ::GetStdHandle(STD_INPUT_HANDLE);
-    bool console = ::GetFileType(input) == FILE_TYPE_CHAR;
+    DWORD mode = 0;
+    bool console = ::GetConsoleMode(input, &mode) != 0;
     bool pipe = ::GetFileType(input) == FILE_TYPE_PIPE;
 };
 
@@ -78,8 +122,19 @@ Keyboard::~Keyboard() {
 }
 
 std::optional<char> Keyboard::poll() {
+    DWORD events = 0;
+    while (inside_->console && ::GetNumberOfConsoleInputEvents(inside_->input, &events) && events > 0) {
+        INPUT_RECORD event{};
+        if (!::ReadConsoleInputW(inside_->input, &event, 1, &events) || events == 0) {
+            break;
+        }
+        const wchar_t letter = event.Event.KeyEvent.uChar.UnicodeChar;
+        if (event.EventType == KEY_EVENT && event.Event.KeyEvent.bKeyDown && letter >= 0x20 && letter <= 0x7E) {
+            return static_cast<char>(letter);
+        }
+    }
     if (inside_->console) {
-        return ::_kbhit() != 0 ? std::optional(static_cast<char>(::_getch())) : std::nullopt;
+        return std::nullopt;  // reading would wait for the end of a line
     }
     DWORD waiting = 0;
     if (inside_->pipe && !::PeekNamedPipe(inside_->input, nullptr, 0, nullptr, &waiting, nullptr)) {
