@@ -403,7 +403,6 @@ std::string plotSvg(EdfReader& file, const std::string& title, const PlotOptions
             most = std::max(most, cell.most);
         }
         picture.line(16, y, right, y, "#e5e7eb");
-        drawBad(picture, rows[s], y + 1, height - 2);
         picture.text(16, y + height / 2 - 2, signals[s].label, "#111827", "font-size=\"12\" font-weight=\"bold\"");
         if (least <= most) {
             drawSignal(picture, rows[s], least, most, y + 5, height - 10);
@@ -414,6 +413,8 @@ std::string plotSvg(EdfReader& file, const std::string& title, const PlotOptions
         } else {
             picture.text(16, y + height / 2 + 12, "no data", "#6b7280", "font-size=\"10\"");
         }
+        // Over the samples: in an hour these fill the row, and a loss has few pixels.
+        drawBad(picture, rows[s], y + 1, height - 2);
     }
     drawLines(picture, lines, view, top, bottom);
 
