@@ -18,6 +18,8 @@ constexpr auto kScanTime = 30s;
 // A dongle tries for up to 100 seconds for each headset that is not there.
 constexpr auto kConnectTime = 110s;
 constexpr std::int64_t kInferenceTime = 2'100'000'000;  // the library takes data within two seconds for left headsets
+constexpr std::int64_t kOnTheWay = 300'000'000;
+constexpr std::int64_t kLongestWay = 1'500'000'000;
 
 Dongle openPort(const std::string& port) {
     try {
@@ -103,10 +105,25 @@ Connection::~Connection() {
     try {
         // Also when nothing is known to be connected: an attempt that was interrupted goes on in the dongle.
         dongle_.dropAll(VELMORA_ALLOW_UNPROVED);
+        awaitQuiet();
     } catch (const Error& error) {
         if (error.status() != VELMORA_GONE && error.status() != VELMORA_CLOSED) {
             reporter_.warn(std::string("The headsets could not be dropped. ") + error.what());
         }
+    }
+}
+
+/// What the dongle had read from the air before it was told comes yet, and the next run would take it for that of
+/// headsets which are connected.
+void Connection::awaitQuiet() {
+    const std::int64_t began = velmora_now();
+    std::int64_t since = began;
+    for (std::uint64_t bytes = 0; velmora_now() - since < kOnTheWay && velmora_now() - began < kLongestWay;) {
+        if (const std::uint64_t now = dongle_.statistics().bytes; now != bytes) {
+            bytes = now;
+            since = velmora_now();
+        }
+        std::this_thread::sleep_for(20ms);
     }
 }
 

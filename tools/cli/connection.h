@@ -59,6 +59,7 @@ class Connection {
     std::vector<Found> scanFor(const Choice& choice);
     bool anyConnected();
     void dropLeft();
+    void awaitQuiet();
 
     Reporter& reporter_;
     const std::string port_;

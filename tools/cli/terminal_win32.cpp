@@ -123,11 +123,10 @@ Keyboard::~Keyboard() {
 
 std::optional<char> Keyboard::poll() {
     DWORD events = 0;
-    while (inside_->console && ::GetNumberOfConsoleInputEvents(inside_->input, &events) && events > 0) {
-        INPUT_RECORD event{};
-        if (!::ReadConsoleInputW(inside_->input, &event, 1, &events) || events == 0) {
-            break;
-        }
+    INPUT_RECORD event{};
+    // Reading takes out what a look has shown; alone it would wait.
+    while (inside_->console && ::PeekConsoleInputW(inside_->input, &event, 1, &events) && events > 0) {
+        (void)::ReadConsoleInputW(inside_->input, &event, 1, &events);
         const wchar_t letter = event.Event.KeyEvent.uChar.UnicodeChar;
         if (event.EventType == KEY_EVENT && event.Event.KeyEvent.bKeyDown && letter >= 0x20 && letter <= 0x7E) {
             return static_cast<char>(letter);
