@@ -87,8 +87,7 @@ TEST(Files, ExistingOnesAreKeptAndTwoRunsNeverShareOne) {
 TEST(Files, ARecordingInThem) {
     const test::WorkingFolder here;
     fs::create_directory(native(kFolder));
-    test::SimulatedHeadset headset;
-    headset.lossShare = 0.1;
+    test::SimulatedHeadset headset{.lossShare = 0.1};
     const auto records = headset.records();
     Options options;
     options.target = Target::parse(kFolder + "/take.edf");
@@ -122,9 +121,7 @@ TEST(Files, ARecordingInThem) {
 
 TEST(EdfReader, DamagedFilesAreRefusedOrReadAsFarAsTheyGo) {
     const test::WorkingFolder here;
-    test::SimulatedHeadset headset;
-    headset.seconds = 6;
-    headset.channels = 2;
+    test::SimulatedHeadset headset{.channels = 2, .seconds = 6};
     const auto records = headset.records();
     Options options;
     options.target.base = "take";

@@ -18,11 +18,7 @@ using namespace velmora::record;
 class Plot : public testing::Test {
   protected:
     Plot() {
-        test::SimulatedHeadset headset;
-        headset.channels = 4;
-        headset.rate = 500;
-        headset.seconds = 20.5;
-        headset.jitter = 0;
+        test::SimulatedHeadset headset{.channels = 4, .rate = 500, .seconds = 20.5, .jitter = 0};
         headset.lost = [](int channel, std::int64_t sample) {
             return (channel == 2 && sample == 45 * 112) || (sample >= 7560 && sample < 8064);
         };

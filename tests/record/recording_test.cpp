@@ -76,12 +76,8 @@ TEST(Recording, EverySampleStandsInItsPlaceAndEveryLossIsMarked) {
           Case{"most lost", 4, false, 250, 0.9, 60}, Case{"short", 2, false, 1000, 0, 0.5},
           Case{"three seconds", 2, false, 250, 0.1, 3}}) {
         SCOPED_TRACE(c.name);
-        SimulatedHeadset headset;
-        headset.channels = c.channels;
-        headset.multi = c.multi;
-        headset.rate = c.rate;
-        headset.seconds = c.seconds;
-        headset.lossShare = c.loss;
+        SimulatedHeadset headset{
+            .channels = c.channels, .multi = c.multi, .rate = c.rate, .seconds = c.seconds, .lossShare = c.loss};
         const auto records = headset.records();
         Options options;
         options.rate = c.rate;
@@ -99,8 +95,7 @@ TEST(Recording, EverySampleStandsInItsPlaceAndEveryLossIsMarked) {
 }
 
 TEST(Recording, EqualLossesOfChannelsAreOneAnnotationThatNamesThem) {
-    SimulatedHeadset headset;
-    headset.channels = 4;
+    SimulatedHeadset headset{.channels = 4};
     headset.lost = [](int channel, std::int64_t sample) {
         return sample == 10 * 112 ? channel >= 2 : sample == 20 * 112;
     };
@@ -120,11 +115,7 @@ TEST(Recording, EqualLossesOfChannelsAreOneAnnotationThatNamesThem) {
 }
 
 TEST(Recording, HeaderAndEventsOfASession) {
-    SimulatedHeadset headset;
-    headset.rate = 250;
-    headset.channels = 2;
-    headset.seconds = 20;
-    headset.jitter = 0;
+    SimulatedHeadset headset{.channels = 2, .rate = 250, .seconds = 20, .jitter = 0};
     // Disconnected between 10 and 15 seconds.
     headset.lost = [](int, std::int64_t sample) { return sample >= 2500 && sample < 3750; };
     auto records = headset.records();
@@ -180,9 +171,7 @@ TEST(Recording, HeaderAndEventsOfASession) {
 }
 
 TEST(Recording, SilentChannelsAndLateOnes) {
-    SimulatedHeadset headset;
-    headset.channels = 3;
-    headset.seconds = 30;
+    SimulatedHeadset headset{.channels = 3, .seconds = 30};
     // Channel 1 falls silent for good; channel 2 appears when the channels are settled.
     headset.lost = [](int channel, std::int64_t sample) {
         return (channel == 1 && sample > 10 * 500) || (channel == 2 && sample < 12 * 500);
@@ -204,10 +193,7 @@ TEST(Recording, SilentChannelsAndLateOnes) {
 }
 
 TEST(Recording, ALongGapBeginsAnotherFile) {
-    SimulatedHeadset headset;
-    headset.channels = 2;
-    headset.rate = 250;
-    headset.seconds = 640;
+    SimulatedHeadset headset{.channels = 2, .rate = 250, .seconds = 640};
     headset.lost = [](int, std::int64_t sample) { return sample >= 10 * 250 && sample < 620 * 250; };
     const auto records = headset.records();
     const auto later = std::find_if(records.begin(), records.end(), [](const auto& r) { return r.sample > 600 * 250; });
@@ -233,10 +219,7 @@ TEST(Recording, RateIsMeasuredOrAskedFor) {
                           Case{503, 500, 500, "given", false, true}, Case{128.2, 0, 128, "\"usual\"", false, false},
                           Case{333.3, 333.3, 333.3, "given", false, false}}) {
         SCOPED_TRACE(c.made);
-        SimulatedHeadset headset;
-        headset.channels = 2;
-        headset.rate = c.made;
-        headset.seconds = 70;
+        SimulatedHeadset headset{.channels = 2, .rate = c.made, .seconds = 70};
         Options options;
         options.rate = c.given;
         Session run(options);
@@ -289,11 +272,7 @@ TEST(Recording, SeveralHeadsetsHaveFilesOfTheirOwn) {
 }
 
 TEST(Recording, CsvHasALineForEachInstantAndNothingForLostSamples) {
-    SimulatedHeadset headset;
-    headset.channels = 2;
-    headset.rate = 250;
-    headset.seconds = 7;
-    headset.jitter = 0;
+    SimulatedHeadset headset{.channels = 2, .rate = 250, .seconds = 7, .jitter = 0};
     headset.lost = [](int channel, std::int64_t sample) { return channel == 1 && sample == 112; };
     Options options;
     options.target = Target::parse("take.csv");
@@ -334,10 +313,7 @@ std::string counted(std::string file) {
 
 // What a program leaves that is killed in front of any of its operations.
 TEST(Recording, KilledAtAnyMomentCostsTheLastSecond) {
-    SimulatedHeadset headset;
-    headset.channels = 6;
-    headset.seconds = 16;
-    headset.lossShare = 0.2;
+    SimulatedHeadset headset{.channels = 6, .seconds = 16, .lossShare = 0.2};
     headset.lost = [](int, std::int64_t sample) { return sample > 4000 && sample < 5200; };
     const auto records = headset.records();
     Session run({});
@@ -362,10 +338,7 @@ TEST(Recording, KilledAtAnyMomentCostsTheLastSecond) {
 }
 
 TEST(Recording, AFullDiskLeavesFilesThatOpen) {
-    SimulatedHeadset headset;
-    headset.channels = 4;
-    headset.seconds = 12;
-    headset.lossShare = 0.1;
+    SimulatedHeadset headset{.channels = 4, .seconds = 12, .lossShare = 0.1};
     const auto records = headset.records();
     std::size_t opened = 0;
     for (std::uint64_t capacity = 6'000; capacity < 56'000; capacity += 1'777) {
