@@ -23,8 +23,9 @@ void CsvTrackWriter::begin(const TrackHeader& header) {
     channels_ = header.labels.size();
     next_ = 0;
     std::string title = "time,sample";
-    for (const std::string& label : header.labels)
+    for (const std::string& label : header.labels) {
         title += ',' + csvField(label);
+    }
     samples_.begin(title + "\r\n");
     events_.begin("onset,duration,text\r\n");
 }
@@ -41,8 +42,9 @@ std::string CsvTrackWriter::lines(const Frames& frames, std::int64_t number) con
         appendFront(text, number + static_cast<std::int64_t>(i));
         for (std::size_t c = 0; c < channels_; ++c) {
             text += ',';
-            if ((frames.present[i] >> c & 1U) != 0)
+            if ((frames.present[i] >> c & 1U) != 0) {
                 appendNumber(text, frames.samples[i * channels_ + c]);
+            }
         }
         text += "\r\n";
     }
@@ -53,8 +55,9 @@ std::string CsvTrackWriter::line(const Annotation& annotation) const {
     std::string text;
     appendFixed(text, static_cast<double>(annotation.from) / rate_, kDecimals);
     text += ',';
-    if (annotation.count >= 0)
+    if (annotation.count >= 0) {
         appendFixed(text, static_cast<double>(annotation.count) / rate_, kDecimals);
+    }
     return text + ',' + csvField(annotation.text) + "\r\n";
 }
 
@@ -79,8 +82,9 @@ void CsvTrackWriter::annotate(Annotation annotation) {
 void CsvTrackWriter::commit(const Frames& open, std::span<const Annotation> openAnnotations) {
     samples_.commit(lines(open, next_));
     std::string text;
-    for (const Annotation& annotation : openAnnotations)
+    for (const Annotation& annotation : openAnnotations) {
         text += line(annotation);
+    }
     events_.commit(text);
 }
 

@@ -41,8 +41,9 @@ EdfLayout edfLayout(double rate, std::size_t channels) {
     for (const double seconds : {1.0, 0.5, 0.25, 0.2, 0.125, 0.1}) {
         const double samples = rate * seconds;
         const EdfLayout layout = layoutOf(std::llround(samples), std::llround(seconds * 1e7), channels);
-        if (samples >= 1 && isSame(layout.rate(), rate) && layout.recordBytes <= kEdfRecordLimit)
+        if (samples >= 1 && isSame(layout.rate(), rate) && layout.recordBytes <= kEdfRecordLimit) {
             return layout;
+        }
     }
     // The longest that says the rate exactly; if there is none, the one that comes nearest. None much shorter than need
     // be.
@@ -52,13 +53,16 @@ EdfLayout edfLayout(double rate, std::size_t channels) {
     for (auto samples = static_cast<std::int64_t>(rate); samples >= 1; --samples) {
         const std::int64_t ticks = std::llround(static_cast<double>(samples) / rate * 1e6) * kMicrosecond;
         const EdfLayout layout = layoutOf(samples, ticks, channels);
-        if (layout.recordBytes > kEdfRecordLimit)
+        if (layout.recordBytes > kEdfRecordLimit) {
             continue;
+        }
         longest = std::max(longest, ticks);
-        if (ticks < longest / 4)
+        if (ticks < longest / 4) {
             break;
-        if (isSame(layout.rate(), rate))
+        }
+        if (isSame(layout.rate(), rate)) {
             return layout;
+        }
         const double error = std::abs(layout.rate() - rate);
         if (error < bestError) {
             best = layout;
@@ -76,13 +80,16 @@ std::string edfNumber(double value, std::size_t width) {
         std::string text(digits.data(), result.ptr);
         if (decimals > 0) {
             text.erase(text.find_last_not_of('0') + 1);
-            if (text.back() == '.')
+            if (text.back() == '.') {
                 text.pop_back();
+            }
         }
-        if (text == "-0")
+        if (text == "-0") {
             text.erase(0, 1);
-        if (text.size() <= width || decimals <= 0)
+        }
+        if (text.size() <= width || decimals <= 0) {
             return text;
+        }
     }
 }
 
@@ -94,8 +101,9 @@ EdfRange edfRange(double gain) {
         if (range.minText.size() <= kEdfNumberWidth && range.maxText.size() <= kEdfNumberWidth) {
             std::from_chars(range.minText.data(), range.minText.data() + range.minText.size(), range.min);
             std::from_chars(range.maxText.data(), range.maxText.data() + range.maxText.size(), range.max);
-            if (std::abs(range.gain() / gain - 1) <= 1e-3)
+            if (std::abs(range.gain() / gain - 1) <= 1e-3) {
                 return range;
+            }
         }
     }
     throw std::invalid_argument(

@@ -45,8 +45,9 @@ Broken broken(std::int64_t seconds) {
 // Blanks part the subfields of a header field.
 std::string subfield(const std::string& text) {
     std::string result;
-    for (const char c : text)
+    for (const char c : text) {
         result += c > ' ' && c < 0x7F ? c : '_';
+    }
     return result.empty() ? "X" : result;
 }
 
@@ -59,12 +60,14 @@ std::string offsetText(std::int32_t seconds) {
 // Without the characters that the format gives a meaning, and not longer than a record holds.
 std::string annotationWords(const std::string& text, std::size_t limit) {
     std::string result;
-    for (const char c : text)
+    for (const char c : text) {
         result += static_cast<unsigned char>(c) < ' ' ? ' ' : c;
+    }
     if (result.size() > limit) {
         const auto follows = [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80; };
-        while (limit > 0 && follows(result[limit]))
+        while (limit > 0 && follows(result[limit])) {
             --limit;
+        }
         result.resize(limit);
     }
     return result;
@@ -136,8 +139,9 @@ std::string EdfWriter::headerText(std::int64_t count) const {
 
     // Field by field, and in each the signals one after the other, the annotations last.
     const auto each = [&](auto&& ofChannel, const std::string& ofAnnotations, std::size_t width) {
-        for (std::size_t c = 0; c < channels_; ++c)
+        for (std::size_t c = 0; c < channels_; ++c) {
             text += field(ofChannel(c), width);
+        }
         text += field(ofAnnotations, width);
     };
     const auto all = [](const std::string& value) { return [&value](std::size_t) { return value; }; };
@@ -178,8 +182,9 @@ std::string EdfWriter::annotationText(const Annotation& annotation) const {
     };
     const std::int64_t from = ticks(std::max(annotation.from, std::int64_t{0}));
     std::string text = '+' + timeText(secondFraction_ + from);
-    if (annotation.count >= 0)
+    if (annotation.count >= 0) {
         text += kDurationMark + timeText(ticks(annotation.from + annotation.count) - from);
+    }
     text += kOnsetEnd;
     text += annotationWords(annotation.text, layout_.annotationBytes - kTimeRoom - text.size() - 2);
     text += kOnsetEnd;
@@ -202,8 +207,9 @@ void EdfWriter::addRecord(std::vector<char>& bytes, std::int64_t number, std::sp
     text += '\0';
     while (!annotations.empty()) {
         const std::string next = annotationText(annotations.front());
-        if (text.size() + next.size() > layout_.annotationBytes)
+        if (text.size() + next.size() > layout_.annotationBytes) {
             break;
+        }
         text += next;
         annotations.pop_front();
     }
@@ -213,8 +219,9 @@ void EdfWriter::addRecord(std::vector<char>& bytes, std::int64_t number, std::sp
 
 void EdfWriter::addRecords(std::vector<char>& bytes, std::int64_t& number, std::span<const std::int16_t> samples,
                            Annotations& annotations) const {
-    for (; !samples.empty(); samples = samples.subspan(perRecord_))
+    for (; !samples.empty(); samples = samples.subspan(perRecord_)) {
         addRecord(bytes, number++, samples.first(perRecord_), annotations);
+    }
 }
 
 void EdfWriter::commit(const Frames& open, std::span<const Annotation> openAnnotations) {
@@ -233,8 +240,9 @@ void EdfWriter::commit(const Frames& open, std::span<const Annotation> openAnnot
     rest.resize((rest.size() + perRecord_ - 1) / perRecord_ * perRecord_, kFill);
     addRecords(bytes, number, rest, restAnnotations);
 
-    if (number == 0)
+    if (number == 0) {
         return;
+    }
     put(bytes, records, number);
     records_ = records;
     annotations_ = std::move(left);
@@ -246,10 +254,11 @@ void EdfWriter::put(std::span<const char> bytes, std::int64_t records, std::int6
         const std::string header = headerText(count);
         std::vector<char> content(header.begin(), header.end());
         content.insert(content.end(), bytes.begin(), bytes.end());
-        if (file_)
+        if (file_) {
             file_->replace(content);
-        else
+        } else {
             file_ = files_.create(path_, content, ifExists_);
+        }
         made_ = true;
     } else {
         try {
@@ -258,8 +267,9 @@ void EdfWriter::put(std::span<const char> bytes, std::int64_t records, std::int6
             const std::size_t settled = static_cast<std::size_t>(endOf(records) - endOf(records_));
             file_->write(endOf(records), bytes.subspan(settled));
             file_->write(endOf(records_), bytes.first(settled));
-            if (count != counted_)
+            if (count != counted_) {
                 file_->write(kCountOffset, countText(count));
+            }
         } catch (const FileError&) {
             // Half a record is of no use to anybody, and one that is not counted makes readers refuse the file.
             try {
@@ -280,14 +290,16 @@ void EdfWriter::finish() {
         std::int64_t number = records_;
         Annotations left = annotations_;
         addRecords(bytes, number, pending_, left);
-        if (left.empty())
+        if (left.empty()) {
             break;
+        }
         annotations_.push_front({number * layout_.samples, layout_.samples, std::string(kBadEdge)});
         pending_.resize(pending_.size() + perRecord_, kFill);
     }
     commit({}, {});
-    if (!file_)
+    if (!file_) {
         return;
+    }
     file_->sync();
     file_->close();
     file_.reset();

@@ -26,8 +26,9 @@ std::string jsonText(std::string_view text) {
 }
 
 std::string jsonNumber(double value) {
-    if (!std::isfinite(value))
+    if (!std::isfinite(value)) {
         return "null";
+    }
     std::array<char, 32> digits;
     return {digits.data(), std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr};
 }

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
+#include <system_error>
 #include <utility>
 
 #include "record/output_file.h"
@@ -36,7 +36,7 @@ using Reason = FileError::Reason;
         case ENOTDIR:
             throw FileError(Reason::NoFolder, front + "its folder does not exist; make it first");
         default:
-            throw FileError(Reason::Failed, front + std::strerror(code));
+            throw FileError(Reason::Failed, front + std::system_category().message(code));
     }
 }
 
@@ -81,8 +81,9 @@ void writeAll(const Descriptor& file, const std::string& path, std::uint64_t off
     while (!bytes.empty()) {
         const ssize_t count = ::pwrite(file.get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
         if (count < 0) {
-            if (errno == EINTR)
+            if (errno == EINTR) {
                 continue;
+            }
             fail(path, "written", errno);
         }
         bytes = bytes.subspan(static_cast<std::size_t>(count));
@@ -95,12 +96,15 @@ Descriptor openBeside(const std::string& path) {
     const std::string beside = path + ".tmp";
     for (;;) {
         Descriptor file(::open(beside.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
-        if (file.get() < 0)
+        if (file.get() < 0) {
             fail(path, "made", errno);
-        if (!lock(file))
+        }
+        if (!lock(file)) {
             inUse(path);
-        if (sameFile(file, beside))  // or its maker gave it its name in between
+        }
+        if (sameFile(file, beside)) {  // or its maker gave it its name in between
             return file;
+        }
     }
 }
 
@@ -112,8 +116,9 @@ void removeBeside(const std::string& path) {
 Descriptor prepare(const std::string& path, Bytes content) {
     Descriptor file = openBeside(path);
     try {
-        if (::ftruncate(file.get(), 0) != 0)
+        if (::ftruncate(file.get(), 0) != 0) {
             fail(path, "made", errno);
+        }
         writeAll(file, path, 0, content);
     } catch (...) {
         removeBeside(path);
@@ -125,14 +130,16 @@ Descriptor prepare(const std::string& path, Bytes content) {
 void giveName(const std::string& path, bool overwrite) {
     const std::string beside = path + ".tmp";
     if (!overwrite) {
-        if (::renameat2(AT_FDCWD, beside.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0)
+        if (::renameat2(AT_FDCWD, beside.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) {
             return;
+        }
         const bool unsupported = errno == EINVAL || errno == ENOSYS;
         if (!unsupported || ::access(path.c_str(), F_OK) == 0) {
             const int code = unsupported ? EEXIST : errno;
             removeBeside(path);
-            if (code == EEXIST)
+            if (code == EEXIST) {
                 exists(path);
+            }
             fail(path, "made", code);
         }
     }
@@ -151,8 +158,9 @@ class PosixFile final : public OutputFile {
 
     void truncate(std::uint64_t size) override {
         while (::ftruncate(file_.get(), static_cast<off_t>(size)) != 0) {
-            if (errno != EINTR)
+            if (errno != EINTR) {
                 fail(path_, "written", errno);
+            }
         }
     }
 
@@ -164,13 +172,15 @@ class PosixFile final : public OutputFile {
 
     void sync() override {
         // Pipes and some file systems cannot; that is no failure to write.
-        if (::fdatasync(file_.get()) != 0 && errno != EINVAL && errno != EROFS && errno != EINTR)
+        if (::fdatasync(file_.get()) != 0 && errno != EINVAL && errno != EROFS && errno != EINTR) {
             fail(path_, "written", errno);
+        }
     }
 
     void close() override {
-        if (file_.close() != 0 && errno != EINTR)
+        if (file_.close() != 0 && errno != EINTR) {
             fail(path_, "closed", errno);
+        }
     }
 
   private:
@@ -200,17 +210,22 @@ class PosixFiles final : public Files {
   private:
     static Descriptor checked(const std::string& path, IfExists ifExists) {
         struct stat status {};
-        if (::stat(path.c_str(), &status) != 0)
+        if (::stat(path.c_str(), &status) != 0) {
             return Descriptor();
-        if (S_ISDIR(status.st_mode))
+        }
+        if (S_ISDIR(status.st_mode)) {
             throw FileError(Reason::Failed, path + " is a folder; choose another name");
+        }
         Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-        if (file.get() >= 0 && !lock(file))
+        if (file.get() >= 0 && !lock(file)) {
             inUse(path);
-        if (ifExists == IfExists::Refuse)
+        }
+        if (ifExists == IfExists::Refuse) {
             exists(path);
-        if (file.get() < 0)
+        }
+        if (file.get() < 0) {
             fail(path, "overwritten", errno);
+        }
         return file;
     }
 };
@@ -226,8 +241,9 @@ std::uint64_t freeBytes(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     struct statvfs status {};
-    if (::statvfs(folder.c_str(), &status) != 0)
+    if (::statvfs(folder.c_str(), &status) != 0) {
         return 0;
+    }
     return static_cast<std::uint64_t>(status.f_bavail) * status.f_frsize;
 }
 

@@ -30,8 +30,9 @@ std::string systemText(DWORD code) {
     const int bytes = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(size), utf8.data(),
                                             static_cast<int>(utf8.size()), nullptr, nullptr);
     std::string result(utf8.data(), static_cast<std::size_t>(bytes));
-    while (!result.empty() && (result.back() == '\n' || result.back() == '\r' || result.back() == ' '))
+    while (!result.empty() && (result.back() == '\n' || result.back() == '\r' || result.back() == ' ')) {
         result.pop_back();
+    }
     return result.empty() ? "Windows error " + std::to_string(code) : result;
 }
 
@@ -97,10 +98,12 @@ void writeAll(const Handle& file, const std::string& path, std::uint64_t offset,
         place.OffsetHigh = static_cast<DWORD>(offset >> 32U);
         DWORD count = 0;
         const auto portion = static_cast<DWORD>(std::min<std::size_t>(bytes.size(), 1U << 24U));
-        if (::WriteFile(file.get(), bytes.data(), portion, &count, &place) == 0)
+        if (::WriteFile(file.get(), bytes.data(), portion, &count, &place) == 0) {
             fail(path, "written", ::GetLastError());
-        if (count == 0)
+        }
+        if (count == 0) {
             fail(path, "written", ERROR_DISK_FULL);
+        }
         bytes = bytes.subspan(count);
         offset += count;
     }
@@ -109,14 +112,16 @@ void writeAll(const Handle& file, const std::string& path, std::uint64_t offset,
 void setSize(const Handle& file, const std::string& path, std::uint64_t size) {
     LARGE_INTEGER place;
     place.QuadPart = static_cast<LONGLONG>(size);
-    if (::SetFilePointerEx(file.get(), place, nullptr, FILE_BEGIN) == 0 || ::SetEndOfFile(file.get()) == 0)
+    if (::SetFilePointerEx(file.get(), place, nullptr, FILE_BEGIN) == 0 || ::SetEndOfFile(file.get()) == 0) {
         fail(path, "written", ::GetLastError());
+    }
 }
 
 Handle openBeside(const std::string& path) {
     Handle file = open(path + ".tmp", OPEN_ALWAYS);
-    if (!file.valid())
+    if (!file.valid()) {
         fail(path, "made", ::GetLastError());
+    }
     return file;
 }
 
@@ -140,12 +145,14 @@ Handle prepare(const std::string& path, Bytes content) {
 
 void giveName(Handle& file, const std::string& path, bool overwrite) {
     const std::string beside = path + ".tmp";
-    if (::MoveFileExW(wide(beside).c_str(), wide(path).c_str(), overwrite ? MOVEFILE_REPLACE_EXISTING : 0) != 0)
+    if (::MoveFileExW(wide(beside).c_str(), wide(path).c_str(), overwrite ? MOVEFILE_REPLACE_EXISTING : 0) != 0) {
         return;
+    }
     const DWORD code = ::GetLastError();
     removeBeside(file, path);
-    if (code == ERROR_ALREADY_EXISTS || code == ERROR_FILE_EXISTS)
+    if (code == ERROR_ALREADY_EXISTS || code == ERROR_FILE_EXISTS) {
         exists(path);
+    }
     fail(path, "made", code);
 }
 
@@ -165,13 +172,15 @@ class Win32File final : public OutputFile {
     }
 
     void sync() override {
-        if (::FlushFileBuffers(file_.get()) == 0)
+        if (::FlushFileBuffers(file_.get()) == 0) {
             fail(path_, "written", ::GetLastError());
+        }
     }
 
     void close() override {
-        if (!file_.close())
+        if (!file_.close()) {
             fail(path_, "closed", ::GetLastError());
+        }
     }
 
   private:
@@ -197,18 +206,23 @@ class Win32Files final : public Files {
   private:
     static void checkOld(const std::string& path, IfExists ifExists) {
         const DWORD attributes = ::GetFileAttributesW(wide(path).c_str());
-        if (attributes == INVALID_FILE_ATTRIBUTES)
+        if (attributes == INVALID_FILE_ATTRIBUTES) {
             return;
-        if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
+        }
+        if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
             throw FileError(Reason::Failed, path + " is a folder; choose another name");
+        }
         const Handle file = open(path, OPEN_EXISTING);
         const DWORD code = file.valid() ? ERROR_SUCCESS : ::GetLastError();
-        if (code == ERROR_SHARING_VIOLATION)
+        if (code == ERROR_SHARING_VIOLATION) {
             fail(path, "overwritten", code);
-        if (ifExists == IfExists::Refuse)
+        }
+        if (ifExists == IfExists::Refuse) {
             exists(path);
-        if (code != ERROR_SUCCESS)
+        }
+        if (code != ERROR_SUCCESS) {
             fail(path, "overwritten", code);
+        }
     }
 };
 
@@ -223,8 +237,9 @@ std::uint64_t freeBytes(const std::string& path) {
     const std::size_t slash = path.find_last_of("/\\:");
     const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     ULARGE_INTEGER bytes;
-    if (::GetDiskFreeSpaceExW(wide(folder).c_str(), &bytes, nullptr, nullptr) == 0)
+    if (::GetDiskFreeSpaceExW(wide(folder).c_str(), &bytes, nullptr, nullptr) == 0) {
         return 0;
+    }
     return bytes.QuadPart;
 }
 

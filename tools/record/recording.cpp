@@ -30,8 +30,9 @@ bool isPrintable(std::string_view text) {
 }
 
 bool endsWith(std::string_view text, std::string_view ending) {
-    if (text.size() < ending.size())
+    if (text.size() < ending.size()) {
         return false;
+    }
     return std::equal(ending.begin(), ending.end(), text.end() - static_cast<std::ptrdiff_t>(ending.size()),
                       [](char a, char b) { return a == b || (b >= 'A' && b <= 'Z' && a == b - 'A' + 'a'); });
 }
@@ -47,26 +48,33 @@ Target Target::parse(std::string_view name) {
             target.format = format;
         }
     }
-    if (name.empty() || name == "-")
+    if (name.empty() || name == "-") {
         throw std::invalid_argument("a recording needs the name of a file; it cannot be written to standard output");
-    if (target.base.empty() || target.base.back() == '/' || target.base.back() == '\\')
+    }
+    if (target.base.empty() || target.base.back() == '/' || target.base.back() == '\\') {
         throw std::invalid_argument(std::string(name) + " names no file; add a name behind the folder");
+    }
     return target;
 }
 
 void checkOptions(const Options& options) {
-    if (options.rate != 0 && !(options.rate >= 1 && options.rate <= kGreatestRate))
+    if (options.rate != 0 && !(options.rate >= 1 && options.rate <= kGreatestRate)) {
         throw std::invalid_argument("a rate must lie between 1 and 100000 samples per second");
+    }
     (void)edfRange(options.gain);
-    if (options.unit.size() > kLongestUnit || !isPrintable(options.unit))
+    if (options.unit.size() > kLongestUnit || !isPrintable(options.unit)) {
         throw std::invalid_argument("a unit may have up to 8 characters of ASCII, such as uV");
-    if (options.labels.size() > kTrackChannels)
+    }
+    if (options.labels.size() > kTrackChannels) {
         throw std::invalid_argument("a headset has 16 channels at most");
+    }
     for (auto label = options.labels.begin(); label != options.labels.end(); ++label) {
-        if (label->empty() || label->size() > kLongestLabel || !isPrintable(*label))
+        if (label->empty() || label->size() > kLongestLabel || !isPrintable(*label)) {
             throw std::invalid_argument("the label \"" + *label + "\" must have 1 to 16 characters of ASCII");
-        if (std::find(options.labels.begin(), label, *label) != label)
+        }
+        if (std::find(options.labels.begin(), label, *label) != label) {
             throw std::invalid_argument("the label \"" + *label + "\" is given twice");
+        }
     }
 }
 
@@ -81,20 +89,24 @@ class ProcessedFile {
         std::string line;
         appendFixed(line, seconds, 6);
         line += ',' + csvField(headset.address);
-        for (std::size_t i = 0; i < 5; ++i)
+        for (std::size_t i = 0; i < 5; ++i) {
             line += ',' + std::to_string(record.bytes[i]);
-        for (const std::uint32_t value : record.values)
+        }
+        for (const std::uint32_t value : record.values) {
             line += ',' + std::to_string(value);
+        }
         file_.add(line + "\r\n");
         used_ = true;
     }
     void commit() {
-        if (used_)
+        if (used_) {
             file_.commit();
+        }
     }
     void finish() {
-        if (used_)
+        if (used_) {
             file_.finish();
+        }
     }
     std::uint64_t size() const { return file_.size(); }
 
@@ -136,28 +148,33 @@ Take* Recording::takeOf(int number) {
 void Recording::take(std::span<const velmora_record> records) {
     for (const velmora_record& record : records) {
         if (record.headset < 0) {
-            for (const auto& take : takes_)
+            for (const auto& take : takes_) {
                 take->take(record);
+            }
         } else if (Take* take = takeOf(record.headset)) {
-            if (record.kind == VELMORA_PROCESSED)
+            if (record.kind == VELMORA_PROCESSED) {
                 processed_->add(record, take->headset(), static_cast<double>(record.time - start_.time) / 1e9);
-            else
+            } else {
                 take->take(record);
+            }
         }
     }
 }
 
 void Recording::mark(std::int64_t time, const std::string& text) {
-    for (const auto& take : takes_)
+    for (const auto& take : takes_) {
         take->mark(time, text);
+    }
 }
 
 void Recording::tick(std::int64_t now) {
-    if (now - lastTick_ < kTick)
+    if (now - lastTick_ < kTick) {
         return;
+    }
     lastTick_ = now;
-    for (const auto& take : takes_)
+    for (const auto& take : takes_) {
         take->commit();
+    }
     processed_->commit();
     if (now - lastSidecar_ >= kSidecar) {
         lastSidecar_ = now;
@@ -166,34 +183,39 @@ void Recording::tick(std::int64_t now) {
 }
 
 void Recording::finish() {
-    if (std::exchange(finished_, true))
+    if (std::exchange(finished_, true)) {
         return;
+    }
     std::exception_ptr error;
     const auto attempt = [&error](auto&& act) {
         try {
             act();
         } catch (const FileError&) {
-            if (!error)
+            if (!error) {
                 error = std::current_exception();
+            }
         }
     };
-    for (const auto& take : takes_)
+    for (const auto& take : takes_) {
         attempt([&] { take->finish(); });
+    }
     attempt([&] { processed_->finish(); });
     attempt([&] {
         sidecar_->replace(sidecar());
         sidecar_->sync();
         sidecar_->close();
     });
-    if (error)
+    if (error) {
         std::rethrow_exception(error);
+    }
 }
 
 std::vector<std::string> Recording::unusualRates() const {
     std::vector<std::string> texts;
     for (const auto& take : takes_) {
-        if (!take->unusualRate().empty())
+        if (!take->unusualRate().empty()) {
             texts.push_back(take->unusualRate());
+        }
     }
     return texts;
 }

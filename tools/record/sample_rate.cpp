@@ -14,8 +14,9 @@ std::optional<double> usualRate(double measured, double tolerance) {
     const double usual = *std::min_element(kUsual.begin(), kUsual.end(), [measured](double a, double b) {
         return std::abs(measured - a) < std::abs(measured - b);
     });
-    if (std::abs(measured - usual) <= tolerance * usual)
+    if (std::abs(measured - usual) <= tolerance * usual) {
         return usual;
+    }
     return std::nullopt;
 }
 

@@ -67,13 +67,15 @@ bool startsWith(std::string_view text, std::string_view front) {
 
 // Whether an annotation that names channels, as the recording does, means this one.
 bool names(std::string_view list, std::string_view label) {
-    if (list.empty() || list == " all channels")
+    if (list.empty() || list == " all channels") {
         return true;
+    }
     list.remove_prefix(1);
     while (startsWith(list, label)) {
         const std::string_view rest = list.substr(label.size());
-        if (rest.empty() || startsWith(rest, ", "))
+        if (rest.empty() || startsWith(rest, ", ")) {
             return true;
+        }
         break;
     }
     const std::size_t comma = list.find(", ");
@@ -86,8 +88,9 @@ std::vector<BadRange> badRanges(const std::vector<EdfAnnotation>& annotations, c
     for (const EdfAnnotation& annotation : annotations) {
         for (std::size_t kind = 0; kind < kBadKinds; ++kind) {
             if (startsWith(annotation.text, kNames[kind]) &&
-                names(std::string_view(annotation.text).substr(kNames[kind].size()), label))
+                names(std::string_view(annotation.text).substr(kNames[kind].size()), label)) {
                 result.push_back({annotation.onset, annotation.onset + annotation.duration, static_cast<Bad>(kind)});
+            }
         }
     }
     return result;
@@ -100,8 +103,9 @@ std::vector<Line> linesOf(const std::vector<EdfAnnotation>& annotations, const V
     for (const EdfAnnotation& annotation : annotations) {
         const std::string_view text = annotation.text;
         if (startsWith(text, "BAD_") || startsWith(text, "UTC offset") || startsWith(text, "battery ") ||
-            annotation.onset < view.from || annotation.onset > view.from + view.length)
+            annotation.onset < view.from || annotation.onset > view.from + view.length) {
             continue;
+        }
         const bool event =
             std::any_of(kEvents.begin(), kEvents.end(), [&](auto front) { return startsWith(text, front); });
         lines.push_back({annotation.onset, annotation.text, !event});
@@ -137,8 +141,9 @@ std::string number(double value, int decimals = 1) {
     appendFixed(text, value, decimals);
     if (decimals > 0) {
         text.erase(text.find_last_not_of('0') + 1);
-        if (text.back() == '.')
+        if (text.back() == '.') {
             text.pop_back();
+        }
     }
     return text == "-0" ? "0" : text;
 }
@@ -150,14 +155,16 @@ std::string amount(double value) {
 }
 
 std::string clockText(double seconds, double length) {
-    if (length <= 120)
+    if (length <= 120) {
         return number(seconds, 3) + " s";
+    }
     const auto whole = std::llround(seconds);
     std::array<char, 32> text;
-    if (length >= 3600)
+    if (length >= 3600) {
         std::snprintf(text.data(), text.size(), "%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60, whole % 60);
-    else
+    } else {
         std::snprintf(text.data(), text.size(), "%lld:%02lld", whole / 60, whole % 60);
+    }
     return text.data();
 }
 
@@ -165,8 +172,9 @@ double tickStep(double length) {
     static constexpr std::array kSteps{0.001, 0.002, 0.005, 0.01, 0.02, 0.05, 0.1,  0.2,  0.5,  1.0,  2.0,
                                        5.0,   10.0,  15.0,  30.0, 60.0, 120., 300., 600., 900., 1800.};
     for (const double step : kSteps) {
-        if (length / step <= 12)
+        if (length / step <= 12) {
             return step;
+        }
     }
     return 3600 * std::ceil(length / 3600 / 12);
 }
@@ -178,8 +186,9 @@ class BadWalk {
         std::sort(ranges_.begin(), ranges_.end(), [](const auto& a, const auto& b) { return a.from < b.from; });
     }
     const BadRange* at(double seconds) {
-        while (next_ < ranges_.size() && ranges_[next_].to <= seconds)
+        while (next_ < ranges_.size() && ranges_[next_].to <= seconds) {
             ++next_;
+        }
         return next_ < ranges_.size() && ranges_[next_].from <= seconds ? &ranges_[next_] : nullptr;
     }
 
@@ -194,13 +203,16 @@ std::vector<Row> readRows(EdfReader& file, const View& view, const std::vector<E
     const auto& signals = file.signals();
     std::vector<Row> rows(signals.size(), Row(view.columns));
     std::vector<BadWalk> walks;
-    for (const EdfSignal& signal : signals)
+    walks.reserve(signals.size());
+    for (const EdfSignal& signal : signals) {
         walks.emplace_back(badRanges(annotations, signal.label));
+    }
     const auto first = static_cast<std::uint64_t>(std::floor(view.from / file.recordSeconds()));
     for (std::uint64_t record = first; record < file.records(); ++record) {
         const double start = static_cast<double>(record) * file.recordSeconds();
-        if (start >= view.from + view.length)
+        if (start >= view.from + view.length) {
             break;
+        }
         auto samples = file.record(record);
         for (std::size_t s = 0; s < signals.size(); ++s) {
             const std::size_t count = signals[s].samplesInRecord;
@@ -209,8 +221,9 @@ std::vector<Row> readRows(EdfReader& file, const View& view, const std::vector<E
                 const double at =
                     start + (static_cast<double>(i) + 0.5) * file.recordSeconds() / static_cast<double>(count);
                 const double column = view.column(at);
-                if (column < 0 || column >= static_cast<double>(view.columns))
+                if (column < 0 || column >= static_cast<double>(view.columns)) {
                     continue;
+                }
                 Cell& cell = rows[s][static_cast<std::size_t>(column)];
                 ++cell.samples;
                 if (const BadRange* bad = walks[s].at(at)) {
@@ -238,15 +251,17 @@ class Picture {
     void rectangle(double x, double y, double width, double height, const char* colour, double opacity) {
         svg_ += "<rect x=\"" + number(x) + "\" y=\"" + number(y) + "\" width=\"" + number(width) + "\" height=\"" +
                 number(height) + "\" fill=\"" + colour + '"';
-        if (opacity < 1)
+        if (opacity < 1) {
             svg_ += " fill-opacity=\"" + number(opacity, 2) + '"';
+        }
         svg_ += "/>\n";
     }
     void line(double x1, double y1, double x2, double y2, const char* colour, const char* dashes = nullptr) {
         svg_ += "<path d=\"M" + number(x1) + ' ' + number(y1) + 'L' + number(x2) + ' ' + number(y2) + "\" stroke=\"" +
                 colour + '"';
-        if (dashes != nullptr)
+        if (dashes != nullptr) {
             svg_ += std::string(" stroke-dasharray=\"") + dashes + '"';
+        }
         svg_ += "/>\n";
     }
     void text(double x, double y, std::string_view words, const char* colour, const char* more = "") {
@@ -275,13 +290,16 @@ void drawBad(Picture& picture, const Row& row, double y, double height) {
         std::size_t from = 0;
         for (std::size_t at = 0; at <= row.size(); ++at) {
             double opacity = 0;
-            if (at < row.size())  // between the samples of a slow signal as at the last one
+            if (at < row.size()) {  // between the samples of a slow signal as at the last one
                 opacity = row[at].samples == 0 ? before : opacityOf(row[at].bad[kind], row[at].samples);
-            if (opacity == before)
+            }
+            if (opacity == before) {
                 continue;
-            if (before > 0)
+            }
+            if (before > 0) {
                 picture.rectangle(kLeft + static_cast<double>(from), y, static_cast<double>(at - from), height,
                                   kColours[kind], before);
+            }
             before = opacity;
             from = at;
         }
@@ -297,21 +315,25 @@ void drawSignal(Picture& picture, const Row& row, int least, int most, double y,
         const Cell& cell = row[column];
         if (!cell.hasSignal()) {
             // Columns between two samples of a slow signal are crossed by a line; what is bad is not.
-            if (cell.samples > 0)
+            if (cell.samples > 0) {
                 before = nullptr;
+            }
             continue;
         }
         const std::string x = number(kLeft + static_cast<double>(column) + 0.5);
-        if (before == nullptr)
+        if (before == nullptr) {
             path += 'M' + x + ' ' + place(cell.least);
-        else
+        } else {
             path += 'L' + x + ' ' + place(std::clamp(before->last, cell.least, cell.most));
-        if (cell.least != cell.most)
+        }
+        if (cell.least != cell.most) {
             path += 'V' + place(cell.least) + 'V' + place(cell.most) + 'V' + place(cell.last);
+        }
         before = &cell;
     }
-    if (!path.empty())
+    if (!path.empty()) {
         picture.strokes(path, kSignalColour);
+    }
 }
 
 void drawLines(Picture& picture, const std::vector<Line>& lines, const View& view, double top, double bottom) {
@@ -339,8 +361,10 @@ void drawLines(Picture& picture, const std::vector<Line>& lines, const View& vie
 
 void drawAxis(Picture& picture, const View& view, double top, double bottom) {
     const double step = tickStep(view.length);
-    for (double at = std::ceil(view.from / step - 1e-9) * step; at <= view.from + view.length * (1 + 1e-9);
-         at += step) {
+    const auto first = std::llround(std::ceil(view.from / step - 1e-9));
+    const auto last = std::llround(std::floor((view.from + view.length) / step + 1e-9));
+    for (auto tick = first; tick <= last; ++tick) {
+        const double at = static_cast<double>(tick) * step;
         const double x = kLeft + view.column(at);
         picture.line(x, top, x, bottom + 5, "#dfe3e8");
         picture.text(x, bottom + 18, clockText(at, view.from + view.length), "#374151", "text-anchor=\"middle\"");
@@ -351,12 +375,14 @@ void drawAxis(Picture& picture, const View& view, double top, double bottom) {
 }  // namespace
 
 std::string plotSvg(EdfReader& file, const std::string& title, const PlotOptions& options) {
-    if (file.signals().empty() || file.records() == 0)
+    if (file.signals().empty() || file.records() == 0) {
         throw EdfError("the file has no samples");
+    }
     View view{options.from, options.length > 0 ? options.length : file.seconds() - options.from,
               static_cast<std::size_t>(std::max(options.width, 400) - kLeft - kRight)};
-    if (!(view.from >= 0) || view.from >= file.seconds() || !std::isfinite(view.length))
+    if (!(view.from >= 0) || view.from >= file.seconds() || !std::isfinite(view.length)) {
         throw EdfError("the file has " + number(file.seconds(), 1) + " s; the picture would begin behind them");
+    }
     view.length = std::min(view.length, file.seconds() - view.from);
 
     const auto& signals = file.signals();
@@ -368,8 +394,9 @@ std::string plotSvg(EdfReader& file, const std::string& title, const PlotOptions
     for (const Row& row : rows) {
         for (const Cell& cell : row) {
             samples += cell.samples;
-            for (std::size_t kind = 0; kind < kBadKinds; ++kind)
+            for (std::size_t kind = 0; kind < kBadKinds; ++kind) {
                 bad[kind] += cell.bad[kind];
+            }
         }
     }
 
@@ -381,9 +408,10 @@ std::string plotSvg(EdfReader& file, const std::string& title, const PlotOptions
 
     picture.text(16, 26, title, "#111827", "font-size=\"17\" font-weight=\"bold\"");
     std::string start = file.startDate() + ' ' + file.startTime();
-    if (file.startTime().size() == 8)
+    if (file.startTime().size() == 8) {
         start = file.startDate() + ' ' + file.startTime().substr(0, 2) + ':' + file.startTime().substr(3, 2) + ':' +
                 file.startTime().substr(6, 2);
+    }
     const std::uint64_t expected = samples - bad[kEdge] - bad[kGap];
     picture.text(
         16, 46,

@@ -62,8 +62,9 @@ void Take::raw(const velmora_record& record) {
     const bool multi = (record.flags & VELMORA_FLAG_MULTI) != 0;
     const std::size_t first = multi ? 0 : record.channel;
     const std::size_t end = first + (multi ? record.channels : 1U);
-    if (record.count == 0 || end > kTrackChannels)
+    if (record.count == 0 || end > kTrackChannels) {
         return;
+    }
     for (std::size_t channel = first; channel < end; ++channel) {
         ChannelCounts& counts = counts_[channel];
         ++counts.packets;
@@ -98,8 +99,9 @@ void Take::raw(const velmora_record& record) {
         channels_ = static_cast<std::uint16_t>(channels_ | channels);
         arrivals_.push_back({record, 0, {}});
         if (lastTime_ - firstTime_ >= Recording::kFirstSeconds &&
-            (options_.rate > 0 || usualRate(measuredRate()) || lastTime_ - firstTime_ >= Recording::kRateTimeout))
+            (options_.rate > 0 || usualRate(measuredRate()) || lastTime_ - firstTime_ >= Recording::kRateTimeout)) {
             settleFirstSeconds();
+        }
         return;
     }
     for (std::size_t channel = first; channel < end; ++channel) {
@@ -129,10 +131,11 @@ void Take::event(const velmora_record& record) {
         case VELMORA_EVENT_DISCONNECTED:
             connected_ = false;
             note(record.time, "headset disconnected");
-            if (settled_)
+            if (settled_) {
                 apply({record, 0, {}});
-            else
+            } else {
                 arrivals_.push_back({record, 0, {}});
+            }
             break;
         case VELMORA_EVENT_RESTARTED:
             note(record.time, "dongle restarted");
@@ -150,35 +153,40 @@ void Take::event(const velmora_record& record) {
 
 void Take::battery(const velmora_record& record) {
     const auto level = static_cast<int>(record.values[0]);
-    if (level == batteryLevel_)
+    if (level == batteryLevel_) {
         return;
+    }
     batteryLevel_ = level;
     note(record.time, "battery " + std::to_string(level) + ", " + std::to_string(record.values[1]));
 }
 
 void Take::note(std::int64_t time, const std::string& text) {
     std::int64_t sample = kBeginning;
-    if (sum_.packets > 0)
+    if (sum_.packets > 0) {
         sample = lastSample_ + std::llround(static_cast<double>(time - lastTime_) * kNanosecond * presentRate());
+    }
     const Arrival arrival{{}, sample, text};
-    if (settled_)
+    if (settled_) {
         apply(arrival);
-    else
+    } else {
         arrivals_.push_back(arrival);
+    }
 }
 
 void Take::apply(const Arrival& arrival) {
-    if (!arrival.note.empty())
+    if (!arrival.note.empty()) {
         track_->note(arrival.noteSample, arrival.note);
-    else if (arrival.record.kind == VELMORA_RAW)
+    } else if (arrival.record.kind == VELMORA_RAW) {
         track_->packet(arrival.record);
-    else
+    } else {
         track_->disconnected();
+    }
 }
 
 double Take::presentRate() const {
-    if (rate_ > 0)
+    if (rate_ > 0) {
         return rate_;
+    }
     return usualRate(measuredRate(), kEarlyRateTolerance).value_or(std::max(measuredRate(), 0.0));
 }
 
@@ -189,8 +197,9 @@ std::int64_t Take::utcOf(std::int64_t sample) const {
 }
 
 void Take::settleFirstSeconds() {
-    if (settled_)
+    if (settled_) {
         return;
+    }
     const bool enough = lastTime_ - firstTime_ >= Recording::kFirstSeconds;
     const double measured = measuredRate();
     const auto usual = usualRate(measured);
@@ -205,8 +214,9 @@ void Take::settleFirstSeconds() {
         rateSource_ = "measured";
         unusualRate_ = headset_.address + ": the headset makes " + hertz(measured) +
                        ", which is none of the usual rates; give its rate with --rate";
-        if (!enough)
+        if (!enough) {
             unusualRate_ += " (this was measured over less than 5 s)";
+        }
     } else {
         rate_ = kAssumedRate;
         rateSource_ = "assumed";
@@ -224,16 +234,18 @@ void Take::buildFirstSeconds() {
     // From the latest packet back: an early estimate of the rate counts for little then.
     beginPart(origin_, utcOf(origin_));
     rate_ = rate;
-    for (const Arrival& arrival : arrivals_)
+    for (const Arrival& arrival : arrivals_) {
         apply(arrival);
+    }
 }
 
 void Take::beginPart(std::int64_t origin, std::int64_t utc) {
     TrackHeader header;
     header.rate = presentRate();
     for (std::size_t channel = 0; channel < kTrackChannels; ++channel) {
-        if ((channels_ >> channel & 1U) != 0)
+        if ((channels_ >> channel & 1U) != 0) {
             header.labels.push_back(label(header.labels.size(), channel));
+        }
     }
     header.unit = options_.unit;
     header.gain = options_.gain;
@@ -243,10 +255,11 @@ void Take::beginPart(std::int64_t origin, std::int64_t utc) {
     if (!writer_) {
         const IfExists ifExists = options_.force ? IfExists::Overwrite : IfExists::Refuse;
         const std::string path = pathOf(parts_.size());
-        if (options_.target.format == Format::Edf)
+        if (options_.target.format == Format::Edf) {
             writer_ = std::make_unique<EdfWriter>(files_, path + ".edf", ifExists);
-        else
+        } else {
             writer_ = std::make_unique<CsvTrackWriter>(files_, path, ifExists);
+        }
         parts_.push_back({path + (options_.target.format == Format::Edf ? ".edf" : ".csv"), utc});
     }
     parts_.back().utc = utc;
@@ -263,20 +276,23 @@ void Take::endPart(std::int64_t gap) {
 
 void Take::commit() {
     if (!settled_) {
-        if (sum_.packets == 0 || lastTime_ - firstTime_ < kFirstRate || presentRate() < 1)
+        if (sum_.packets == 0 || lastTime_ - firstTime_ < kFirstRate || presentRate() < 1) {
             return;
+        }
         buildFirstSeconds();
     }
-    if (track_)
+    if (track_) {
         track_->commit();
+    }
 }
 
 void Take::finish() {
     if (!settled_ && sum_.packets > 0) {
         settleFirstSeconds();
     }
-    if (!track_)
+    if (!track_) {
         return;
+    }
     track_->finish();
     track_.reset();
     bytesBefore_ += writer_->size();
@@ -286,16 +302,18 @@ void Take::finish() {
 HeadsetProgress Take::progress() const {
     HeadsetProgress progress;
     progress.headset = headset_;
-    if (const double rate = presentRate(); rate > 0)
+    if (const double rate = presentRate(); rate > 0) {
         progress.seconds = static_cast<double>(lastSample_ - origin_) / rate;
+    }
     progress.packets = sum_.packets;
     progress.lost = sum_.lost + sum_.dropped;
     progress.battery = batteryLevel_;
     progress.measuredRate = measuredRate();
     progress.rate = settled_ ? rate_ : 0;
     progress.connected = connected_;
-    if (!parts_.empty())
+    if (!parts_.empty()) {
         progress.file = parts_.back().path;
+    }
     return progress;
 }
 
@@ -326,8 +344,9 @@ std::string Take::json() const {
     std::size_t place = 0;
     for (std::size_t channel = 0; channel < kTrackChannels; ++channel) {
         const bool recorded = (channels_ >> channel & 1U) != 0;
-        if (!recorded && counts_[channel].packets == 0)
+        if (!recorded && counts_[channel].packets == 0) {
             continue;
+        }
         text += separator + ("        {\"channel\": " + std::to_string(channel)) +
                 ", \"label\": " + (recorded ? jsonText(label(place++, channel)) : "null") + ", " +
                 counts(counts_[channel]) + '}';

@@ -16,15 +16,17 @@ void TextFile::begin(std::string title) {
 void TextFile::commit(std::string_view open) {
     const std::string text = waiting_ + std::string(open);
     if (!made_) {
-        if (file_)
+        if (file_) {
             file_->replace(text);
-        else
+        } else {
             file_ = files_.create(path_, text, ifExists_);
+        }
         made_ = true;
     } else if (!text.empty() || size_ != settled_) {
         // What comes over the old lines must not stand beside their rest, so these go first.
-        if (size_ != settled_)
+        if (size_ != settled_) {
             file_->truncate(settled_);
+        }
         size_ = settled_;
         try {
             file_->write(settled_, text);
@@ -49,12 +51,14 @@ void TextFile::finish() {
 }
 
 std::string csvField(std::string_view text) {
-    if (text.find_first_of(",\"\r\n") == std::string_view::npos)
+    if (text.find_first_of(",\"\r\n") == std::string_view::npos) {
         return std::string(text);
+    }
     std::string result = "\"";
     for (const char c : text) {
-        if (c == '"')
+        if (c == '"') {
             result += '"';
+        }
         result += c;
     }
     return result + '"';

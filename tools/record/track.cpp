@@ -12,8 +12,9 @@ Track::Track(TrackWriter& writer, std::uint16_t channels, std::vector<std::strin
     for (std::size_t channel = 0; channel < kTrackChannels; ++channel) {
         const bool recorded = (channels >> channel & 1U) != 0;
         columnOf_[channel] = recorded ? static_cast<int>(columns_.size()) : -1;
-        if (recorded)
+        if (recorded) {
             columns_.emplace_back();
+        }
     }
 }
 
@@ -21,12 +22,14 @@ void Track::packet(const velmora_record& packet) {
     const bool multi = (packet.flags & VELMORA_FLAG_MULTI) != 0;
     const std::size_t first = multi ? 0 : packet.channel;
     const std::size_t count = multi ? packet.channels : 1;
-    if (first + count > kTrackChannels || packet.count * count > std::size(packet.samples))
+    if (first + count > kTrackChannels || packet.count * count > std::size(packet.samples)) {
         return;
+    }
     for (std::size_t i = 0; i < count; ++i) {
         const int column = columnOf_[first + i];
-        if (column >= 0)
+        if (column >= 0) {
             place(static_cast<std::size_t>(column), packet.sample - origin_, packet.count, packet.samples + i, count);
+        }
     }
 }
 
@@ -35,8 +38,9 @@ void Track::place(std::size_t index, std::int64_t from, std::int64_t count, cons
     Column& column = columns_[index];
     const std::int64_t to = from + count;
     if (const std::int64_t start = std::max(column.next, base_); from < start) {
-        if (to <= start)
+        if (to <= start) {
             return;
+        }
         samples += static_cast<std::size_t>(start - from) * stride;
         from = start;
     }
@@ -68,8 +72,9 @@ void Track::miss(std::size_t index, std::int64_t to) {
 }
 
 void Track::disconnected() {
-    for (Column& column : columns_)
+    for (Column& column : columns_) {
         column.gap = column.begun;
+    }
 }
 
 void Track::note(std::int64_t sample, const std::string& text) {
@@ -81,22 +86,25 @@ Frames Track::open() const {
 }
 
 void Track::settle(std::int64_t to) {
-    if (to <= base_)
+    if (to <= base_) {
         return;
+    }
     const auto count = static_cast<std::size_t>(std::min(to, end_) - base_);
     const Frames frames = open();
     writer_.append({frames.samples.first(count * columns_.size()), frames.present.first(count)});
     samples_.erase(samples_.begin(), samples_.begin() + static_cast<std::ptrdiff_t>(count * columns_.size()));
     present_.erase(present_.begin(), present_.begin() + static_cast<std::ptrdiff_t>(count));
-    if (to > end_)
+    if (to > end_) {
         writer_.appendMissing(to - end_);
+    }
     base_ = to;
     end_ = std::max(end_, to);
     // No channel can add to what ends before this.
     const auto over = std::stable_partition(missing_.begin(), missing_.end(),
                                             [this](const Missing& missing) { return missing.to > base_; });
-    for (Annotation& annotation : texts({over, missing_.end()}))
+    for (Annotation& annotation : texts({over, missing_.end()})) {
         writer_.annotate(std::move(annotation));
+    }
     missing_.erase(over, missing_.end());
 }
 
@@ -108,8 +116,9 @@ std::vector<Annotation> Track::texts(std::vector<Missing> missing) const {
     for (auto at = missing.begin(); at != missing.end();) {
         const Missing& first = *at;
         std::uint16_t channels = 0;
-        for (; at != missing.end() && key(*at) == key(first); ++at)
+        for (; at != missing.end() && key(*at) == key(first); ++at) {
             channels = static_cast<std::uint16_t>(channels | at->channels);
+        }
         std::string text(first.why);
         if (channels == all) {
             text += " all channels";
@@ -143,8 +152,9 @@ std::vector<Track::Missing> Track::missingUntil(std::int64_t end) const {
 
 void Track::commit() {
     std::int64_t complete = end_;
-    for (const Column& column : columns_)
+    for (const Column& column : columns_) {
         complete = std::min(complete, column.next);
+    }
     settle(std::max(complete, end_ - horizon_));
     const std::vector<Annotation> annotations = texts(missingUntil(writer_.paddedEnd(end_)));
     writer_.commit(open(), annotations);
@@ -154,8 +164,9 @@ void Track::finish() {
     const std::vector<Annotation> annotations = texts(missingUntil(writer_.paddedEnd(end_)));
     missing_.clear();
     settle(end_);
-    for (const Annotation& annotation : annotations)
+    for (const Annotation& annotation : annotations) {
         writer_.annotate(annotation);
+    }
     writer_.finish();
 }
 
