@@ -57,6 +57,7 @@ TEST(Files, WriteInPlaceReplaceAndCutInAnyFolder) {
     file->sync();
     file->close();
     EXPECT_EQ(content(path), "whole!");
+    systemFiles().check(kFolder + "/other.edf", IfExists::Refuse);
     EXPECT_EQ(std::distance(fs::directory_iterator(native(kFolder)), {}), 1) << "a file beside was left";
     EXPECT_GT(freeBytes(path), 0U);
 }
@@ -80,6 +81,7 @@ TEST(Files, ExistingOnesAreKeptAndTwoRunsNeverShareOne) {
     const auto second = make("two", IfExists::Overwrite);
     EXPECT_EQ(content("a.edf"), "two");
     EXPECT_EQ(reasonOf([&] { systemFiles().create("no/a.edf", {}, IfExists::Refuse); }), Reason::NoFolder);
+    EXPECT_EQ(reasonOf([&] { systemFiles().check("no/a.edf", IfExists::Refuse); }), Reason::NoFolder);
     fs::create_directory("folder.edf");
     EXPECT_EQ(reasonOf([&] { systemFiles().create("folder.edf", {}, IfExists::Overwrite); }), Reason::Failed);
 }
