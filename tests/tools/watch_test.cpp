@@ -130,8 +130,7 @@ TEST(Terminal, OfEightyColumnsAndTwentyFourLinesShowsAll) {
         return progressLine(progress, seconds, 83'200'000'000, 80);
     };
     EXPECT_EQ(line(7, 1, 50), "0:07  1 headset  50 packets  lost 0  10.0 kB  batt 90  83.2 GB free");
-    EXPECT_EQ(line(3'599, 16, 99'000),
-              "59:59  15/16 on  1584000 pkts  lost 16000 (1.0 %)  19.8 MB  batt 90  83.2 GB free");
+    EXPECT_EQ(line(3'599, 16, 9'900), "59:59  15/16 on  158400 pkts  lost 1600 (1.0 %)  2.0 MB  batt 90  83.2 GB free");
     EXPECT_EQ(line(36'000, 16, 1'287'000),
               "10:00:00  15/16  20.6M pkts  lost 208k (1.0 %)  257 MB  batt 90  83.2 GB free");
 }
