@@ -105,6 +105,9 @@ bool Conversation::connectionEnded() {
 }
 
 bool Conversation::disconnected(std::string_view address) {
+    if (result_) {
+        return false;
+    }
     for (Member& member : members_) {
         if (sameAddress(member.address, address)) {
             member.connected = false;
@@ -122,6 +125,9 @@ void Conversation::brokenOff(velmora_status reason) {
     connectionEndsOwed_ = 0;
     if (topic_ != Topic::kNone && !result_) {
         result_ = reason;
+        for (Member& member : members_) {
+            member.connected = false;
+        }
     }
 }
 

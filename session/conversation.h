@@ -43,6 +43,8 @@ class Conversation {
     bool connected(std::string_view address, int number, int index);
     bool connectionEnded();
     bool disconnected(std::string_view address);
+    /// The dongle was told to drop all headsets: with them goes whatever attempt to connect them it was still at.
+    void allDropped() { connectionEndsOwed_ = 0; }
     /// Nothing more will come: the dongle restarted, the line is gone, or the handle closes.
     void brokenOff(velmora_status reason);
 

@@ -60,10 +60,11 @@ void HeadsetTable::connected(std::string_view address, int index) {
     if (!number) {
         return;
     }
-    // Whoever else was there has left, and the report of that was lost.
+    // Whoever else was there, and is nowhere else by now, has left; the report of that was lost.
     int& owner = owners_[static_cast<std::size_t>(index)];
-    if (owner != kNobody && owner != static_cast<int>(*number)) {
-        leave(static_cast<std::size_t>(owner));
+    const auto before = static_cast<std::size_t>(owner);
+    if (owner != kNobody && before != *number && headsets_[before].index == index) {
+        leave(before);
     }
     Headset& headset = headsets_[*number];
     const bool known = headset.connected && headset.index == index;
@@ -138,14 +139,6 @@ std::optional<int> HeadsetTable::findConnected(std::string_view address) const {
         return std::nullopt;
     }
     return static_cast<int>(*number);
-}
-
-std::optional<int> HeadsetTable::connectedAt(int index) const {
-    const int owner = owners_[static_cast<std::size_t>(index)];
-    if (owner == kNobody || !headsets_[static_cast<std::size_t>(owner)].connected) {
-        return std::nullopt;
-    }
-    return owner;
 }
 
 bool HeadsetTable::anyConnected() const {

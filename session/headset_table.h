@@ -61,9 +61,8 @@ class HeadsetTable {
 
     /// By number.
     const std::vector<Headset>& headsets() const { return headsets_; }
-    /// The number of the connected headset of an address, or at an index.
+    /// The number of the connected headset of an address.
     std::optional<int> findConnected(std::string_view address) const;
-    std::optional<int> connectedAt(int index) const;
     bool anyConnected() const;
 
   private:

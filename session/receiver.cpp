@@ -70,7 +70,7 @@ void Receiver::start(Nanoseconds now) {
         if (line != nullptr) {
             line->time.restart();
             line->dropped.fill(0);
-            line->droppedSinceLast.fill(0);
+            line->missed.fill({});
         }
     }
 }
@@ -87,7 +87,9 @@ void Receiver::finishConversation(bool asked) {
 
 void Receiver::allDropped(Nanoseconds now) {
     now_ = now;
+    inferUntil_ = 0;  // what still comes was on its way
     headsets_.disconnectAll(false);
+    conversation_.allDropped();
 }
 
 // ------------------------------------------------------------------------------------------------ frames
@@ -164,10 +166,13 @@ void Receiver::raw(int number, int index, const std::uint8_t* bytes, Nanoseconds
         return;
     }
     ++counts_.raw;
-    std::uint32_t& dropped = line.droppedSinceLast[static_cast<std::size_t>(slot)];
+    const auto flag = [](bool set, int bit) { return set ? bit : 0; };
+    Missed& missed = line.missed[static_cast<std::size_t>(slot)];
+    missed.lost += placement.lost;
+    missed.flags |= flag(placement.first, VELMORA_FLAG_FIRST) | flag(placement.estimated, VELMORA_FLAG_ESTIMATED);
     velmora_record* const record = queue_.roomForRaw();
     if (record == nullptr) {
-        ++dropped;
+        ++missed.dropped;
         ++line.dropped[static_cast<std::size_t>(slot)];
         ++counts_.queue_dropped;
         if (!overrun_) {
@@ -176,18 +181,16 @@ void Receiver::raw(int number, int index, const std::uint8_t* bytes, Nanoseconds
         }
         return;
     }
-    const auto flag = [](bool set, int bit) { return set ? bit : 0; };
     record->kind = VELMORA_RAW;
-    record->flags =
-        static_cast<std::uint16_t>(flag(multi, VELMORA_FLAG_MULTI) | flag(placement.first, VELMORA_FLAG_FIRST) |
-                                   flag(placement.estimated, VELMORA_FLAG_ESTIMATED) |
-                                   flag(placement.damagedCounter, VELMORA_FLAG_DAMAGED_COUNTER));
+    record->flags = static_cast<std::uint16_t>(missed.flags | flag(multi, VELMORA_FLAG_MULTI) |
+                                               flag(placement.damagedCounter, VELMORA_FLAG_DAMAGED_COUNTER));
     record->headset = static_cast<std::int16_t>(number);
     record->index = static_cast<std::int16_t>(index);
     record->time = arrival;
     record->sample = placement.sample;
-    record->lost = placement.lost;
-    record->dropped = std::exchange(dropped, 0);
+    record->lost = missed.lost;
+    record->dropped = missed.dropped;
+    missed = {};
     record->channel = static_cast<std::uint16_t>(multi ? 0 : channel.number());
     record->channels = static_cast<std::uint16_t>(channels);
     record->count = static_cast<std::uint16_t>(samples);
@@ -205,7 +208,8 @@ void Receiver::raw(int number, int index, const std::uint8_t* bytes, Nanoseconds
 
 void Receiver::queueOther(const velmora_record& record, std::uint64_t& count) {
     ++count;
-    if (velmora_record* const room = queue_.roomForOther()) {
+    velmora_record* const room = record.kind == VELMORA_EVENT ? queue_.roomForEvent() : queue_.roomForOther();
+    if (room != nullptr) {
         *room = record;
         queue_.commit();
     } else {
@@ -233,6 +237,9 @@ void Receiver::headsetChanged(const HeadsetTable::Change& change) {
         }
     } else {
         listener_.left(change.index);
+        if (conversation_.disconnected(address)) {
+            listener_.conversationMoved();
+        }
     }
     event(change.connected ? VELMORA_EVENT_CONNECTED : VELMORA_EVENT_DISCONNECTED, change.number, change.index,
           address);
@@ -249,7 +256,6 @@ void Receiver::text(TextKind kind, std::string_view text, Nanoseconds arrival) {
         case TextKind::kDisconnected:
             if (const auto address = protocol::readDisconnectionReport(text)) {
                 headsets_.disconnected(*address);
-                moved = conversation_.disconnected(*address);
             }
             break;
         case TextKind::kList:
@@ -326,12 +332,12 @@ void Receiver::scanLine(std::string_view text) {
 }
 
 void Receiver::dongleRestarted() {
+    listener_.restarted();  // before all of them are seen to have left, which is not why calls end
     headsets_.disconnectAll(true);
     for (int index = 0; index < protocol::kHeadsets; ++index) {
         reader_.dropPending(index);
     }
     event(VELMORA_EVENT_RESTARTED, -1, -1, {});
-    listener_.restarted();
 }
 
 // ------------------------------------------------------------------------------------------------ counts

@@ -78,10 +78,16 @@ class Receiver {
     void text(TextKind kind, std::string_view text, Nanoseconds arrival);
 
   private:
+    /// What the next packet of a channel that finds room in the queue tells, of those before it that found none too.
+    struct Missed {
+        std::uint32_t lost = 0;
+        std::uint32_t dropped = 0;
+        int flags = 0;
+    };
     struct Line {
         TimeLine time;
         std::array<std::uint64_t, TimeLine::kSlots> dropped{};
-        std::array<std::uint32_t, TimeLine::kSlots> droppedSinceLast{};
+        std::array<Missed, TimeLine::kSlots> missed{};
     };
 
     static constexpr Nanoseconds kShut = std::numeric_limits<Nanoseconds>::max();

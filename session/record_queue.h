@@ -11,8 +11,8 @@
 namespace velmora {
 
 /// The records between the thread that reads the port and the one host thread that takes them: neither ever waits for
-/// the other to leave a lock. Bounded: raw packets use all room but some that is kept for everything else, so that a
-/// host that has fallen behind still learns what happened.
+/// the other to leave a lock. Bounded: raw packets use all room but some that is kept for everything else, and half of
+/// that is for events alone, so that a host that has fallen behind still learns what happened.
 class RecordQueue {  // NOLINT(clang-analyzer-optin.performance.Padding): each side has a cache line
   public:
     /// `rawCapacity`: how many raw packets it holds.
@@ -22,7 +22,8 @@ class RecordQueue {  // NOLINT(clang-analyzer-optin.performance.Padding): each s
 
     /// The next record to fill in, all of whose bytes are to be written; null when there is no room for such a one.
     velmora_record* roomForRaw() { return roomUpTo(rawCapacity_); }
-    velmora_record* roomForOther() { return roomUpTo(slots_); }
+    velmora_record* roomForOther() { return roomUpTo(rawCapacity_ + (slots_ - rawCapacity_) / 2); }
+    velmora_record* roomForEvent() { return roomUpTo(slots_); }
     /// What roomFor...() gave is filled in.
     void commit() { ++filled_; }
     /// Shows what was committed to the taker, and wakes it if that is what it waits for.

@@ -175,8 +175,8 @@ void Session::readUntilEnd() {
 /// The mutex is held.
 void Session::lineIsGone(Nanoseconds now) {
     state_ = State::kGone;
+    endAllWaiting(VELMORA_GONE);  // before all headsets are seen to have left, which is not why calls end
     receiver_.lineIsGone(now, port_->systemError());
-    endAllWaiting(VELMORA_GONE);
     queue_.publish();
     ended_ = VELMORA_GONE;
     queue_.wakeTaker();

@@ -14,6 +14,7 @@ using velmora::Conversation;
 /// Plays a conversation, a letter for each thing that happens, and returns the result after each as a letter.
 ///   S scan   C connect A and B   x give up what was asked   . what was not   > "Start scan"   f "Finish scan"
 ///   l a headset is found   a, b A or B connects   - A leaves   g "Group connection finish"   R restart   D drop A
+///   0 all were dropped
 std::string play(std::string_view what) {
     Conversation c;
     const std::map<char, std::function<void()>> happenings{
@@ -35,6 +36,7 @@ std::string play(std::string_view what) {
         {'b', [&] { c.connected("B00000000000", 5, 6); }},
         {'-', [&] { c.disconnected("A00000000000"); }},
         {'g', [&] { c.connectionEnded(); }},
+        {'0', [&] { c.allDropped(); }},
         {'R', [&] { c.brokenOff(VELMORA_RESTARTED); }},
     };
     std::string results;
@@ -73,8 +75,10 @@ TEST(Conversation, EndsWithWhatBelongsToIt) {
         {"the end of an attempt that was given up comes in the next", "CxCag", "w_www"},
         {"and then the next attempt's own", "CxCagg", "w_wwwn"},
         {"a dongle that ends both at once", "CxCabg", "w_wwwK"},
+        {"an attempt that went with its headsets owes no end", "Cx0Cag", "w__wwn"},
         {"a restart while connecting", "CaRg", "wwRR"},
         {"a drop", "D-", "wK"},
+        {"a restart in a drop, with which the headset leaves", "DR-", "wRR"},
         {"somebody else leaves", "Dg", "ww"},
     };
     for (const auto& c : cases) {

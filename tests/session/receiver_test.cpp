@@ -46,7 +46,7 @@ class ReceiverTest : public testing::Test, protected velmora::Receiver::Listener
         std::vector<velmora_record> records(max);
         records.resize(queue.take(records.data(), sizeof records[0], max));
         for (const velmora_record& record : records) {
-            accounted += record.dropped + (record.kind == VELMORA_RAW ? 1 : 0);
+            accounted += record.lost + record.dropped + (record.kind == VELMORA_RAW ? 1 : 0);
         }
         return records;
     }
@@ -143,6 +143,28 @@ TEST_F(ReceiverTest, AHeadsetThatWasInferredKeepsItsNumberWhenItsAddressComes) {
     });
 }
 
+TEST_F(ReceiverTest, AnIndexThatAHeadsetHadIsFreeForAnother) {
+    rest(3 * kSecond);
+    expectEvents({
+        {"first", "Service connected. A00000000001,3\n", "+0@3A00000000001"},
+        {"under another index", "Service connected. A00000000001,5\n", "+0@5A00000000001"},
+        {"its old index is taken", "Service connected. B00000000002,3\n", "+1@3B00000000002"},
+        {"the two swap", "Service connected. A00000000001,3\n", "-1@3B00000000002 +0@3A00000000001"},
+        {"the two swap", "Service connected. B00000000002,5\n", "+1@5B00000000002"},
+    });
+    // A drop is over when somebody else is where the headset was.
+    receiver.conversation().beginDrop("a00000000001");
+    expectEvents({{"taken", "Service connected. C00000000003,3\n", "-0@3A00000000001 +2@3C00000000003"}});
+    EXPECT_EQ(receiver.conversation().result(), VELMORA_OK);
+    EXPECT_EQ(moved, 1);
+}
+
+TEST_F(ReceiverTest, WhatIsOnItsWayDoesNotUndoADrop) {
+    expectEvents({{"left by an ended program", packet(3, 0, 1), "+0@3"}});
+    receiver.allDropped(now);
+    expectEvents({{"dropped", packet(3, 0, 2), "-0@3"}, {"still on its way", packet(3, 0, 3), ""}});
+}
+
 TEST_F(ReceiverTest, AWiderElementIsFilledUpWithZeros) {
     feed("Service connected. A00000000001,1\nService connected. B00000000002,2\n");
     struct Wide {
@@ -216,6 +238,10 @@ TEST_F(ReceiverTest, OneOverrunEventForEachTimeThatTheHostFallsBehind) {
             if (i > 450 && i % 3 == 0) {  // a little room does not make it another overrun
                 taken(2);
             }
+            if (i == 440) {  // the line loses some while the queue drops
+                rest(3 * kStep);
+                counter += 3;
+            }
             feed(packet(1, 0, counter++));
         }
         EXPECT_EQ(events(), "O") << round;
@@ -223,8 +249,28 @@ TEST_F(ReceiverTest, OneOverrunEventForEachTimeThatTheHostFallsBehind) {
         const auto next = taken();
         ASSERT_EQ(next.size(), 1u);
         EXPECT_GT(next[0].dropped, 0u);
+        EXPECT_EQ(next[0].sample, std::int64_t{counter - 1} * 112);
         EXPECT_EQ(accounted, counter);
     }
+    for (int i = 0; i < 410; ++i) {
+        feed(packet(1, 0, counter++));
+    }
+    receiver.start(now);
+    feed(packet(1, 0, counter++));
+    taken();
+    feed(packet(1, 0, counter++));
+    EXPECT_EQ(taken().at(0).flags, VELMORA_FLAG_FIRST) << "that one was dropped";
+}
+
+TEST_F(ReceiverTest, EventsFindRoomWhateverElseComes) {
+    feed("Service connected. A00000000001,1\n");
+    receiver.start(now);
+    for (int i = 0; i < 1000; ++i) {
+        feed(packet(1, 0, static_cast<unsigned>(i)) + data(1, dongle::batteryFrame(9, 1)) +
+             data(1, dongle::shortResponse(0xEE, 0x21, {})));
+    }
+    feed("Client disconnected,A00000000001,19\r\n");
+    EXPECT_EQ(events(), "+0@1A00000000001 O -0@1A00000000001");
 }
 
 TEST_F(ReceiverTest, ScanLinesCountDuringAScan) {

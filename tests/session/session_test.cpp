@@ -93,6 +93,10 @@ class SessionTest : public testing::Test {
     std::size_t total() {
         return engine([](dongle::Engine& e) { return e.log().total; });
     }
+    std::ptrdiff_t connections() const {
+        const auto all = host->headsets();
+        return std::count_if(all.begin(), all.end(), [](const velmora_headset& h) { return h.connected != 0; });
+    }
     std::size_t requests(std::string_view beginning) {
         return engine([&](dongle::Engine& e) { return e.log().countTexts(beginning); });
     }
@@ -388,6 +392,7 @@ TEST_F(SessionTest, WhatIsGoingOnRefusesOthersAndEndsWithARestart) {
     const auto restartAt = [&](std::string_view request) {
         return std::thread([this, request] {
             EXPECT_TRUE(eventually([&] { return requests(request) > 0; }));
+            EXPECT_TRUE(eventually([&] { return request == "AT+SCAN" || connections() == 2; }));
             const std::size_t before = total();
             EXPECT_EQ(statusOf([&] { host->scan(20s); }), VELMORA_BUSY);
             EXPECT_EQ(statusOf([&] { connectAll(); }), VELMORA_BUSY);
@@ -401,15 +406,22 @@ TEST_F(SessionTest, WhatIsGoingOnRefusesOthersAndEndsWithARestart) {
     restarter.join();
     reply(&Replies::connectEnd, false);
     restarter = restartAt("AT+GRPCONN");
-    EXPECT_EQ(statusOf([&] { connectAll(); }), VELMORA_RESTARTED);
+    std::vector<velmora_wanted> wanted = everybody();
+    EXPECT_EQ(statusOf([&] { host->connect(std::span(wanted), 20s); }), VELMORA_RESTARTED);
+    EXPECT_EQ(wanted[0].status, VELMORA_RESTARTED);
+    EXPECT_EQ(wanted[0].index, -1);
     restarter.join();
     reply(&Replies::connectEnd, true);
+    reply(&Replies::commands, false);
     host->start();
     for (std::size_t round = 1; round <= 3; ++round) {
         ASSERT_EQ(connectAll(), VELMORA_OK);
         seen.raw.clear();
         ASSERT_TRUE(readUntil([&] { return seen.raw[0] > 2 && seen.raw[1] > 2; })) << "the numbers stay";
+        std::thread requester([&] { EXPECT_EQ(statusOf([&] { host->request(1, 3, {}, {}); }), VELMORA_RESTARTED); });
+        EXPECT_TRUE(eventually([&] { return host->statistics().commands == round; }));
         engine([](dongle::Engine& e) { e.restart(); });
+        requester.join();
         ASSERT_TRUE(readUntil([&] { return seen.count(VELMORA_EVENT_RESTARTED) == round + 2; }));
         EXPECT_EQ(host->headsets().at(0).connected, 0);
     }
