@@ -56,8 +56,8 @@ class Receiver {
         const int channels = channel.single() ? 1 : channel.number();
         const int slot = channel.single() ? channel.number() : velmora::TimeLine::kMulti;
         const std::uint8_t counter = bytes[protocol::kCounterOffset];
-        const velmora::Placement placement =
-            lines_[static_cast<std::size_t>(index)].place(slot, protocol::kSamples / channels, counter, arrival, 0);
+        const velmora::Placement placement = lines_[static_cast<std::size_t>(index)].place(
+            slot, protocol::kSamples / channels, counter, velmora::contentOf(bytes), arrival, 0);
         if (placement.repeated) {
             return;
         }

@@ -161,7 +161,7 @@ void Receiver::raw(int number, int index, const std::uint8_t* bytes, Nanoseconds
     const std::uint8_t counter = bytes[protocol::kCounterOffset];
 
     Line& line = lineOf(number);
-    const Placement placement = line.time.place(slot, samples, counter, arrival, lastStall_);
+    const Placement placement = line.time.place(slot, samples, counter, contentOf(bytes), arrival, lastStall_);
     if (placement.repeated) {
         return;
     }

@@ -7,21 +7,22 @@
 namespace velmora {
 namespace {
 
-constexpr int kRound = 256;                  // what a counter counts to
-constexpr double kMostRounds = 4e6;          // so that packets fit an int
-constexpr int kInStep = 2;                   // packets by which channels that go in step may differ
-constexpr std::uint32_t kWatchedEnough = 8;  // packets until lateness says something
-constexpr double kClockError = 0.02;         // of headset and host against each other, with room
-constexpr double kJitter = 4e5;              // nanoseconds that a packet may come before all others' time
-constexpr std::int64_t kSilence = 64;        // packets that must fail to come before rounds are thought of
+constexpr int kRound = 256;                           // what a counter counts to
+constexpr double kMostRounds = 4e6;                   // so that packets fit an int
+constexpr std::int64_t kShortestRound = 250'000'000;  // nanoseconds, of one channel on a full line
+constexpr int kInStep = 2;                            // packets by which channels that go in step may differ
+constexpr std::uint32_t kWatchedEnough = 8;           // packets until lateness says something
+constexpr double kClockError = 0.02;                  // of headset and host against each other, with room
+constexpr double kJitter = 4e5;                       // nanoseconds that a packet may come before all others' time
+constexpr std::int64_t kSilence = 64;                 // packets that must fail to come before rounds are thought of
 
 }  // namespace
 
 /// A packet that does not simply follow its forerunner.
-Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_t counter, std::int64_t arrival,
-                               std::int64_t lastStall) {
+Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_t counter, std::uint64_t content,
+                               std::int64_t arrival, std::int64_t lastStall) {
     if (slot.epoch != epoch_) {
-        const Placement placement = placeFirst(slot, samples, counter, arrival);
+        const Placement placement = placeFirst(slot, samples, counter, content, arrival);
         latest_ = channel;
         return placement;
     }
@@ -50,24 +51,49 @@ Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_
         steps += rounds * kRound;
         placement.estimated = rounds > 0;
     }
-    if (steps == 0 || (steps != 1 && slot.suspect && counter == slot.asCame)) {
+    const bool asBefore = steps == 0 || (steps != 1 && slot.suspect && counter == slot.asCame);
+    if (asBefore && content == slot.content) {
         placement.repeated = true;
         ++slot.counts.repeated;
         return placement;
     }
+    // The counter goes on from before the jump that the last packet's made: that one was damaged.
+    const bool back = slot.jump > 0 && counter == static_cast<std::uint8_t>(slot.counter + 1 - slot.jump);
+    if (back && !(known && silent)) {
+        placement.damagedCounter = true;
+        placement.sample = slot.sample + std::int64_t{1 - slot.jump} * slot.samples;
+        if (!slot.suspect) {
+            ++slot.counts.damagedCounters;
+            slot.counts.lost -= static_cast<std::uint64_t>(slot.jump);
+        }
+        slot.suspect = false;
+        slot.late += passed - (1 - slot.jump) * slot.period;
+        slot.jump = 0;
+        latest_ = channel;
+        accept(slot, placement.sample, samples, counter, content, arrival);
+        return placement;
+    }
+    const bool again = steps == 0;
+    if (again) {
+        steps = kRound;  // unless the counter is damaged, or the samples of a repeated packet are
+    }
+    bool byCounter = steps <= kRound;
     if (!known && steps != 1 && inStepWithLatest(slot, samples, counter)) {
         // Too early for the clock to tell whether a counter is right; the other channels can.
         const Slot& latest = slots_[static_cast<std::size_t>(latest_)];
         const std::int64_t sample = latest.sample + std::int64_t{aheadOf(latest, counter)} * samples;
         steps = std::max(1, static_cast<int>((sample - slot.sample) / samples));
+        byCounter = false;
     }
-    if (known && steps != 1 && steps > ahead + early) {
+    if (known ? steps != 1 && steps > ahead + early : again && passed < kShortestRound) {
         steps = 1;
         // Two counters that agree are right, and the one before them was not.
         placement.damagedCounter = !slot.suspect || counter != static_cast<std::uint8_t>(slot.asCame + 1);
     }
     slot.suspect = placement.damagedCounter;
+    slot.jump = byCounter ? steps - 1 : 0;
     if (placement.damagedCounter) {
+        slot.jump = again ? 1 : 0;
         ++slot.counts.damagedCounters;
         slot.asCame = counter;
         counter = static_cast<std::uint8_t>(slot.counter + 1);
@@ -77,7 +103,7 @@ Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_
     slot.counts.lost += placement.lost;
     slot.late += passed - steps * slot.period;
     latest_ = channel;
-    accept(slot, placement.sample, samples, counter, arrival);
+    accept(slot, placement.sample, samples, counter, content, arrival);
     return placement;
 }
 
@@ -97,7 +123,8 @@ bool TimeLine::inStepWithLatest(const Slot& slot, int samples, std::uint8_t coun
 }
 
 /// A channel's first packet, ever or since its headset connected again.
-Placement TimeLine::placeFirst(Slot& slot, int samples, std::uint8_t counter, std::int64_t arrival) {
+Placement TimeLine::placeFirst(Slot& slot, int samples, std::uint8_t counter, std::uint64_t content,
+                               std::int64_t arrival) {
     Placement placement;
     placement.first = true;
     bool byClock = false;
@@ -125,12 +152,13 @@ Placement TimeLine::placeFirst(Slot& slot, int samples, std::uint8_t counter, st
     placement.estimated = byClock || before;
     slot.epoch = epoch_;
     slot.suspect = false;
+    slot.jump = 0;
     slot.late = slot.least = slot.leastBefore = 0;
     slot.watched = 0;
     slot.leastSince = arrival;
     slot.fit.clear();
     setPeriod(slot, samples);
-    accept(slot, placement.sample, samples, counter, arrival);
+    accept(slot, placement.sample, samples, counter, content, arrival);
     return placement;
 }
 

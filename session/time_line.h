@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "protocol/headset_frames.h"
 
@@ -16,8 +17,20 @@ struct Placement {
     bool repeated = false;        ///< it came before; everything else is of no use
     bool first = false;           ///< of its channel since the start or since the headset connected
     bool estimated = false;       ///< the counter alone does not tell: `sample` and `lost` are taken from the clock
-    bool damagedCounter = false;  ///< the counter cannot be right; placed behind its forerunner
+    bool damagedCounter = false;  ///< the counter cannot be right; placed behind its forerunner. Or the forerunner's
+                                  ///< was wrong, and had put it too far ahead: `sample` steps back
 };
+
+/// Tells raw packets with different samples apart.
+inline std::uint64_t contentOf(const std::uint8_t* frame) {
+    std::uint64_t content = 0;
+    for (std::size_t i = 0; i < 2 * protocol::kSamples; i += sizeof content) {
+        std::uint64_t word = 0;
+        std::memcpy(&word, frame + protocol::kSampleOffset + i, sizeof word);
+        content += word * (i + 1);
+    }
+    return content;
+}
 
 struct ChannelCounts {
     std::uint64_t packets = 0;  ///< repeated ones left out
@@ -30,7 +43,8 @@ struct ChannelCounts {
 /// counters where these go in step, which they do when they differ by a packet or two. A packet's counter, 0 to 255,
 /// leaves open how many rounds of 256 were lost before it: of what it allows the number nearest to clock and rate is
 /// taken, rounds only when the channel fell silent while the line was really watched. A counter that would put the
-/// packet far ahead of the clock is damaged; the line then goes on by one packet.
+/// packet far ahead of the clock is damaged; the line then goes on by one packet. One that the clock lets pass, because
+/// the packet was late, shows when the next counter goes on from before it: the line then goes back.
 ///
 /// Times are nanoseconds of any one clock, in ascending order. Not thread-safe. An object is large (about 16 KiB).
 class TimeLine {
@@ -41,19 +55,22 @@ class TimeLine {
     /// Places the next packet.
     ///   channel     0 to 15, or kMulti
     ///   samples     of each channel in the packet, 1 to 112
+    ///   content     contentOf() it: a packet with another content than its forerunner is no repetition of it
     ///   lastStall   when the reading thread last came back from a time in which it could not read
-    Placement place(int channel, int samples, std::uint8_t counter, std::int64_t arrival, std::int64_t lastStall) {
+    Placement place(int channel, int samples, std::uint8_t counter, std::uint64_t content, std::int64_t arrival,
+                    std::int64_t lastStall) {
         Slot& slot = slots_[static_cast<std::size_t>(channel)];
         const std::int64_t passed = arrival - slot.arrival;
         // Nearly every packet follows its forerunner in time.
         if (slot.epoch != epoch_ || slot.samples != samples || passed > slot.silence ||
             counter != static_cast<std::uint8_t>(slot.counter + 1)) [[unlikely]] {
-            return placeOther(slot, channel, samples, counter, arrival, lastStall);
+            return placeOther(slot, channel, samples, counter, content, arrival, lastStall);
         }
         slot.suspect = false;
+        slot.jump = 0;
         slot.late += passed - slot.period;
         latest_ = channel;
-        accept(slot, slot.sample + samples, samples, counter, arrival);
+        accept(slot, slot.sample + samples, samples, counter, content, arrival);
         Placement placement;
         placement.sample = slot.sample;
         return placement;
@@ -123,6 +140,8 @@ class TimeLine {
         std::uint8_t counter = 0;  // as it should have been
         std::uint8_t asCame = 0;
         bool suspect = false;  // the last packet's counter was taken for damaged
+        int jump = 0;          // packets that by its counter alone were lost before the last packet
+        std::uint64_t content = 0;
         std::uint32_t epoch = 0;
 
         std::int64_t period = 0;   // of a packet, in nanoseconds; 0 while the rate is not known
@@ -137,17 +156,19 @@ class TimeLine {
         Fit fit;
     };
 
-    Placement placeOther(Slot& slot, int channel, int samples, std::uint8_t counter, std::int64_t arrival,
-                         std::int64_t lastStall);
-    Placement placeFirst(Slot& slot, int samples, std::uint8_t counter, std::int64_t arrival);
+    Placement placeOther(Slot& slot, int channel, int samples, std::uint8_t counter, std::uint64_t content,
+                         std::int64_t arrival, std::int64_t lastStall);
+    Placement placeFirst(Slot& slot, int samples, std::uint8_t counter, std::uint64_t content, std::int64_t arrival);
     static int aheadOf(const Slot& slot, std::uint8_t counter);
     bool inStepWithLatest(const Slot& slot, int samples, std::uint8_t counter) const;
-    void accept(Slot& slot, std::int64_t sample, int samples, std::uint8_t counter, std::int64_t arrival) {
+    void accept(Slot& slot, std::int64_t sample, int samples, std::uint8_t counter, std::uint64_t content,
+                std::int64_t arrival) {
         ++slot.counts.packets;
         ++slot.watched;
         slot.sample = sample;
         slot.samples = samples;
         slot.counter = counter;
+        slot.content = content;
         slot.arrival = arrival;
         slot.least = std::min(slot.least, slot.late);
         if (arrival - slot.leastSince > kLeastSpan) [[unlikely]] {

@@ -211,7 +211,7 @@ typedef struct velmora_open_options {
     uint32_t flags;           /* 0 */
     uint32_t queue_capacity;  /* records that the handle holds for the host before it drops raw packets, 16 to
                                  1,000,000; 0: 8,704, which is ten seconds of a full line and 2.8 MB. Some more are kept
-                                 for all other records */
+                                 for all other records, half of them for events alone */
     uint32_t command_gap_ms;  /* least time between two commands, 1 to 1,000 milliseconds; 0: 20. A dongle that gets a
                                  command directly behind another can take two short ones for one long one */
     velmora_log_function log; /* null: no log */
@@ -386,7 +386,9 @@ enum {
     VELMORA_FLAG_ESTIMATED = 4, /* raw: the counter alone does not tell how many packets were lost before this one;
                                    `lost` and `sample` are taken from the clock */
     VELMORA_FLAG_DAMAGED_COUNTER =
-        8 /* raw: the packet's counter cannot be right; it was placed behind its forerunner */
+        8 /* raw: the packet's counter cannot be right; it was placed behind its forerunner. Or the forerunner's was
+             wrong and had put that packet too far ahead: `sample` then steps back to where it belongs, and what the
+             forerunner's `lost` says was not lost */
 };
 
 /*
@@ -401,8 +403,8 @@ typedef struct velmora_record {
     int64_t sample;    /* raw: number of its first sample on the headset's time line. 0 is the first sample of the
                           headset's first packet after velmora_start; all its channels share that zero. Can be negative
                           for the first packet of another channel */
-    uint32_t lost;     /* raw: packets of this channel that the line lost directly before this one */
-    uint32_t dropped;  /* raw: packets of this channel that the full queue dropped directly before this one */
+    uint32_t lost;     /* raw: packets of this channel that the line lost since the channel's record before this one */
+    uint32_t dropped;  /* raw: and those that the full queue dropped */
     uint16_t channel;  /* raw: 0 to 15; 0 for a packet of several channels */
     uint16_t channels; /* raw: channels in this packet: 1, or 1 to 15 with VELMORA_FLAG_MULTI */
     uint16_t count;    /* raw: samples of each channel, 112 / channels rounded down; response: bytes used, 8 or 16 */
@@ -517,7 +519,7 @@ VELMORA_PUBLIC velmora_status velmora_get_statistics(velmora_dongle* dongle, vel
 typedef struct velmora_channel_statistics {
     uint64_t packets;          /* received */
     uint64_t lost;             /* by the line, as the counters and the clock tell */
-    uint64_t repeated;         /* received twice; the second was left out */
+    uint64_t repeated;         /* received twice, with the same samples; the second was left out */
     uint64_t damaged_counters; /* packets whose counter could not be right */
     uint64_t dropped;          /* by the full queue */
     double rate;               /* samples per second, least squares over the last minute; 0 until there is enough */
