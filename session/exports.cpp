@@ -37,18 +37,36 @@ using velmora::Outcome;
 using velmora::Signal;
 using velmora::statusName;
 
+constexpr std::size_t kSmallestSize = 2 * sizeof(std::uint32_t);  // of a struct of the host that begins with its size
+
+/// Fills in such a struct as far as it goes; what it has beyond this library's becomes zero. False when its size cannot
+/// be right.
+template <typename Struct>
+bool writeSized(Struct* to, Struct from) {
+    const std::size_t size = to->size;
+    if (size < kSmallestSize) {
+        return false;
+    }
+    from.size = to->size;
+    std::memcpy(to, &from, std::min(size, sizeof from));
+    if (size > sizeof from) {
+        std::memset(reinterpret_cast<unsigned char*>(to) + sizeof from, 0, size - sizeof from);
+    }
+    return true;
+}
+
 velmora_status report(const Outcome& outcome, velmora_error* error) {
     if (error != nullptr) {
         velmora_error full{};
-        full.size = std::min<std::uint32_t>(error->size, sizeof full);
         full.status = outcome.status;
         full.system_code = outcome.systemCode;
-        const std::string text = outcome.ok() || !outcome.text.empty() ? outcome.text : statusName(outcome.status);
-        std::memcpy(full.text, text.data(), std::min(text.size(), sizeof full.text - 1));
-        std::memcpy(error, &full, full.size);
-        if (full.size > offsetof(velmora_error, text)) {
-            reinterpret_cast<char*>(error)[full.size - 1] = '\0';
+        constexpr std::size_t kTextAt = offsetof(velmora_error, text);
+        if (error->size > kTextAt) {
+            const std::size_t room = std::min<std::size_t>(error->size, sizeof full) - kTextAt - 1;
+            const std::string text = outcome.ok() || !outcome.text.empty() ? outcome.text : statusName(outcome.status);
+            velmora::beginning(text, room).copy(full.text, room);
         }
+        writeSized(error, full);
     }
     return outcome.status;
 }
@@ -86,18 +104,11 @@ bool readOptions(const Options* given, Options& options) {
     if (given == nullptr) {
         return true;
     }
-    if (given->size < 2 * sizeof(std::uint32_t)) {
+    if (given->size < kSmallestSize) {
         return false;
     }
     std::memcpy(&options, given, std::min<std::size_t>(given->size, sizeof options));
     return true;
-}
-
-/// Fills in a struct of the host as far as it goes.
-template <typename Struct>
-void writeSized(Struct* to, Struct& from) {
-    from.size = to->size;
-    std::memcpy(to, &from, std::min<std::size_t>(to->size, sizeof from));
 }
 
 /// A list of the host's, as the header describes lists.
@@ -404,9 +415,7 @@ velmora_status velmora_get_statistics(velmora_dongle* dongle, velmora_statistics
         if (statistics == nullptr) {
             return {VELMORA_INVALID};
         }
-        velmora_statistics all = session.statistics();
-        writeSized(statistics, all);
-        return {};
+        return {writeSized(statistics, session.statistics()) ? VELMORA_OK : VELMORA_INVALID};
     });
 }
 
@@ -418,8 +427,8 @@ velmora_status velmora_get_headset_statistics(velmora_dongle* dongle, int32_t he
         }
         velmora_headset_statistics all{};
         Outcome outcome = session.headsetStatistics(headset, all);
-        if (outcome.ok()) {
-            writeSized(statistics, all);
+        if (outcome.ok() && !writeSized(statistics, all)) {
+            return {VELMORA_INVALID};
         }
         return outcome;
     });

@@ -34,10 +34,19 @@ Outcome ending(velmora_status status);
 
 const char* statusName(velmora_status status);
 
+/// The beginning of a text in UTF-8, cut to `most` bytes, or to less where that would cut a character.
+inline std::string_view beginning(std::string_view text, std::size_t most) {
+    const auto insideCharacter = [&](std::size_t at) { return (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80; };
+    while (most < text.size() && most > 0 && insideCharacter(most)) {
+        --most;
+    }
+    return text.substr(0, most);
+}
+
 /// Copies a text into a member of a zeroed struct, cut to what it holds.
 template <std::size_t Size>
 void copyText(char (&to)[Size], std::string_view from) {
-    from.copy(to, Size - 1);
+    beginning(from, Size - 1).copy(to, Size - 1);
 }
 
 }  // namespace velmora

@@ -55,9 +55,10 @@
  * STRUCTS
  *   No struct has padding; all members are at their natural alignment, in the machine's byte order, so that NumPy and
  *   .NET can read them as they lie. Members named "reserved" are zero. Structs that the host fills in or hands over
- *   alone begin with their size: set it to sizeof(the struct). Lists take the distance between two elements in bytes
- *   ("stride", at least the size of the struct and a multiple of 8). Both let a host built with an older header work
- *   with a newer library, and the other way round. Texts end with a zero byte and are UTF-8.
+ *   alone begin with their size: set it to sizeof(the struct); less than 8 is VELMORA_INVALID, and of a velmora_error
+ *   nothing is then written. Lists take the distance between two elements in bytes ("stride", at least the size of the
+ *   struct and a multiple of 8). Both let a host built with an older header work with a newer library, and the other
+ *   way round: what its structs have beyond the library's becomes zero. Texts end with a zero byte and are UTF-8.
  *
  * FORK
  *   A process that forks keeps its handles in the parent. The child must not use them, not even to close them: it has

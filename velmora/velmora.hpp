@@ -1,5 +1,5 @@
-/// C++20 on top of velmora.h: handles that free themselves, spans, exceptions with a status. Header only. What the calls
-/// do, how long they take and which may overlap is said there; this file only says what differs.
+/// C++20 on top of velmora.h: handles that free themselves, spans, exceptions with a status. Header only. What the
+/// calls do, how long they take and which may overlap is said there; this file only says what differs.
 #pragma once
 
 #include <atomic>
@@ -190,6 +190,13 @@ class Dongle {
         detail::Check check;
         check(velmora_open(path.c_str(), &raw, &opened, check.error()));
         dongle_.reset(opened);
+    }
+
+    Dongle(Dongle&&) noexcept = default;
+    Dongle& operator=(Dongle&& other) noexcept {
+        dongle_ = std::move(other.dongle_);  // first: the handle that was here may log until it is gone
+        log_ = std::move(other.log_);
+        return *this;
     }
 
     void reopen(Timeout timeout = {}, const Cancel* cancel = nullptr) {

@@ -524,6 +524,46 @@ TEST_F(SessionTest, AProgramInCUsesIt) {
     EXPECT_EQ(problem, nullptr) << problem;
 }
 
+TEST_F(SessionTest, StructsOfAnySizeAreFilledAsFarAsTheyGo) {
+    open();
+    struct {
+        velmora_statistics known;
+        std::uint64_t more;
+    } statistics{{}, 9};
+    statistics.known.size = sizeof statistics;
+    EXPECT_EQ(velmora_get_statistics(host->get(), &statistics.known), VELMORA_OK);
+    EXPECT_EQ(statistics.known.size, sizeof statistics);
+    EXPECT_EQ(statistics.known.queue_capacity, 8704u);
+    EXPECT_EQ(statistics.more, 0u);
+    statistics.known.size = 0;
+    EXPECT_EQ(velmora_get_statistics(host->get(), &statistics.known), VELMORA_INVALID);
+    // A text is not cut inside a character.
+    velmora_dongle* none = nullptr;
+    for (std::uint32_t size = sizeof(velmora_error) + 8; size > 16; size -= 7) {
+        std::vector<char> memory(sizeof(velmora_error) + 8, 'x');
+        auto* const error = reinterpret_cast<velmora_error*>(memory.data());
+        error->size = size;
+        EXPECT_EQ(velmora_open("/dev/\xC3\xA4\xC3\xA4\xC3\xA4", nullptr, &none, error), VELMORA_NOT_FOUND);
+        EXPECT_EQ(error->size, size);
+        const std::string_view text = memory.data() + offsetof(velmora_error, text);
+        EXPECT_LT(text.size(), size - 16);
+        EXPECT_FALSE(text.ends_with('\xC3')) << size;
+        EXPECT_EQ(std::count(memory.begin() + size, memory.end(), 'x'), memory.end() - memory.begin() - size);
+    }
+}
+
+TEST_F(SessionTest, AHandleThatIsReplacedIsGoneBeforeItsLogFunction) {
+    const test::TestLine line = test::plugLine();
+    const test::TestLine otherLine = test::plugLine();
+    velmora_status whenLogGoes = VELMORA_HELD;
+    std::shared_ptr<int> kept(nullptr, [&](int*) {
+        whenLogGoes = statusOf([&] { velmora::Dongle{line.hostPort}; });  // the handle holds the port while it lives
+    });
+    velmora::Dongle dongle(line.hostPort, {.log = [kept = std::move(kept)](std::int64_t, std::string_view) {}});
+    dongle = velmora::Dongle(otherLine.hostPort);
+    EXPECT_EQ(whenLogGoes, VELMORA_OK);
+}
+
 TEST_F(SessionTest, OpenedAndClosedThousandsOfTimes) {
     test::TestLine line = test::plugLine();
     const int openings = test::linesCanHangUp() ? 10'000 : 300;  // emulated ports take twenty milliseconds to open
