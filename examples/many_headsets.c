@@ -112,7 +112,7 @@ int main(int argc, char** argv) {
             status = collect(dongle); /* BUSY: headsets are connected that an ended program left */
         }
     }
-    velmora_drop_all(dongle, 0, NULL); /* so that the next program finds them */
+    velmora_drop_all(dongle, VELMORA_ALLOW_UNPROVED, NULL); /* for the next program; fails when unplugged */
     velmora_destroy(dongle);
     return 0;
 }

@@ -53,7 +53,7 @@ int main(int argc, char** argv) try {
             }
         }
     }
-    dongle.dropAll(VELMORA_ALLOW_UNPROVED);  // so that the next program finds them
+    velmora_drop_all(dongle.get(), VELMORA_ALLOW_UNPROVED, nullptr);  // for the next program; fails when unplugged
 } catch (const velmora::Error& error) {
     std::fprintf(stderr, "%s\n", error.what());
     return 1;

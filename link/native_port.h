@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -25,13 +26,14 @@ class NativePort {
     virtual bool applySettings(const LineSettings& settings) = 0;  ///< changes these and keeps all others
     virtual bool applyTimeouts() = 0;
 
-    /// The system's code for that one of these three that failed; 0 when none did.
+    /// The system's code for that one of these three, or readAvailable(), that failed; 0 when none did.
     int systemError() const { return systemError_; }
 
     /// May return early, with 0, where a driver does.
     virtual int read(void* buffer, std::uint32_t maxBytes, std::uint32_t timeoutMs) = 0;
     virtual int readAvailable(void* buffer, std::uint32_t maxBytes, Clock::Time deadline) = 0;
-    virtual int write(const void* data, std::size_t length, Clock::Time deadline) = 0;
+    virtual int write(const void* data, std::size_t length, Clock::Time deadline,
+                      const std::atomic<std::uint32_t>* stop) = 0;
 
     virtual void wake() = 0;     ///< the readAvailable() that waits, or else the next one that would
     virtual void wakeAll() = 0;  ///< every call in flight and to come; the port is then only good for closing
@@ -46,7 +48,7 @@ class NativePort {
     }
 
   private:
-    int systemError_ = 0;
+    std::atomic<int> systemError_{0};  // reads may overlap
 };
 
 struct NativeOpening {
@@ -62,7 +64,7 @@ using NativeOpener = NativeOpening (*)(const char* path, const char* deviceFolde
 ///
 /// Synchronous: calls wait inside the driver, with the driver's own time-outs. readAvailable() looks every millisecond.
 /// Where the driver cannot be asked to give up (Wine), closing waits for a read up to 50 ms, and for a write until the
-/// line has taken it.
+/// line has taken it. Writes do not look at `stop`.
 NativeOpening openSynchronous(const char* path, const char* deviceFolder);
 
 /// Overlapped: the driver tells when bytes arrive, and every wait ends at once when it is woken.

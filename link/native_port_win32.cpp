@@ -48,6 +48,7 @@ DCB withSettings(DCB line, const LineSettings& settings) {
 
 bool Win32Port::readSettings() {
     line_.DCBlength = sizeof line_;
+    GetCommTimeouts(device(), &timeoutsFound_);
     return GetCommState(device(), &line_) != 0 || fail(static_cast<int>(GetLastError()));
 }
 
@@ -58,6 +59,7 @@ bool Win32Port::applySettings(const LineSettings& settings) {
 
 void Win32Port::restoreSettings() {
     SetCommState(device(), &line_);
+    SetCommTimeouts(device(), &timeoutsFound_);
 }
 
 DWORD Win32Port::millisecondsUntil(Clock::Time deadline) {

@@ -54,6 +54,7 @@ class Win32Port : public NativePort {
   private:
     Win32Handle device_;
     DCB line_{};
+    COMMTIMEOUTS timeoutsFound_{};
 };
 
 /// `line` with the given rate, data bits, stop bits and parity, all else as it was.

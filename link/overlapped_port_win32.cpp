@@ -78,7 +78,8 @@ class OverlappedPort : public Win32Port {
         return maxBytes == 0 ? 0 : take(buffer, maxBytes, deadline, true);
     }
 
-    int write(const void* data, std::size_t length, Clock::Time deadline) override {
+    int write(const void* data, std::size_t length, Clock::Time deadline,
+              const std::atomic<std::uint32_t>* stop) override {
         const char* bytes = static_cast<const char*>(data);
         OVERLAPPED operation{};
         operation.hEvent = events_.writeDone.get();
@@ -86,7 +87,7 @@ class OverlappedPort : public Win32Port {
             const DWORD piece = static_cast<DWORD>(std::min(length, kLargestPiece));
             const BOOL done = WriteFile(device(), bytes, piece, nullptr, &operation);
             DWORD count = 0;
-            if (!finish(done, operation, deadline, count)) {
+            if (!finish(done, operation, deadline, count, stop)) {
                 return Port::kWriteFailed;
             }
             bytes += count;
@@ -118,13 +119,27 @@ class OverlappedPort : public Win32Port {
         }
     }
 
+    Wait waitUnlessStopped(HANDLE object, Clock::Time deadline, const std::atomic<std::uint32_t>* stop) const {
+        if (stop == nullptr) {
+            return waitFor(object, deadline, false);
+        }
+        while (*stop == 0) {
+            const Clock::Time look = std::min(deadline, systemClock().now() + Port::kStopLook);
+            if (const Wait seen = waitFor(object, look, false); seen != Wait::kTimeout || look == deadline) {
+                return seen;
+            }
+        }
+        return Wait::kTimeout;
+    }
+
     /// Waits for an operation that was begun, and takes it back when it is not done in time. False when it failed.
-    bool finish(BOOL begun, OVERLAPPED& operation, Clock::Time deadline, DWORD& count) const {
+    bool finish(BOOL begun, OVERLAPPED& operation, Clock::Time deadline, DWORD& count,
+                const std::atomic<std::uint32_t>* stop = nullptr) const {
         if (begun == 0) {
             if (GetLastError() != ERROR_IO_PENDING) {
                 return false;
             }
-            if (waitFor(operation.hEvent, deadline, false) != Wait::kDone) {
+            if (waitUnlessStopped(operation.hEvent, deadline, stop) != Wait::kDone) {
                 CancelIoEx(device(), &operation);
             }
         }
@@ -161,6 +176,7 @@ class OverlappedPort : public Win32Port {
         for (;;) {
             if (!awaitingArrival_) {
                 if (ReadFile(device(), &firstByte_, 1, nullptr, &arrival_) == 0 && GetLastError() != ERROR_IO_PENDING) {
+                    fail(static_cast<int>(GetLastError()));
                     return Port::kReadFailed;
                 }
                 awaitingArrival_ = true;
@@ -172,6 +188,7 @@ class OverlappedPort : public Win32Port {
             DWORD count = 0;
             const bool read = GetOverlappedResult(device(), &arrival_, &count, FALSE) != 0;
             if (!read && GetLastError() != ERROR_OPERATION_ABORTED) {
+                fail(static_cast<int>(GetLastError()));
                 return Port::kReadFailed;
             }
             if (read && count > 0) {

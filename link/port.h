@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
@@ -54,6 +56,7 @@ class Port {
 
     /// The system's own code (errno, GetLastError) for the last open(): why the system refused the port or its
     /// settings. 0 when it did not, which includes settings that were never offered to it (kBadBaud and its like).
+    /// Behind a readAvailable() that failed: the code for that, or 0.
     virtual int systemError() const = 0;
 
     /// Reads up to `maxBytes`. Returns when they have arrived, when 10 ms passed since the last byte, or when
@@ -67,8 +70,11 @@ class Port {
     virtual int readAvailable(void* buffer, std::uint32_t maxBytes, Clock::Time deadline) = 0;
 
     /// Writes all bytes: kWritten, or kWriteFailed when that failed or was not done by `deadline`; some of them may
-    /// have gone out then. A write of another thread is waited for, up to `deadline`.
-    virtual int write(const void* data, std::size_t length, Clock::Time deadline = kNever) = 0;
+    /// have gone out then. A write of another thread is waited for, up to `deadline`. Once `stop`, which may be null,
+    /// is not 0 any more, a write that waits for the line fails too, within kStopLook.
+    virtual int write(const void* data, std::size_t length, Clock::Time deadline = kNever,
+                      const std::atomic<std::uint32_t>* stop = nullptr) = 0;
+    static constexpr std::chrono::milliseconds kStopLook{20};
 
     /// Ends the readAvailable() that is waiting on another thread, or else the next one that finds nothing.
     virtual void wake() = 0;

@@ -188,16 +188,25 @@ int SerialPort::read(void* buffer, std::uint32_t maxBytes, std::uint32_t timeout
 
 int SerialPort::readAvailable(void* buffer, std::uint32_t maxBytes, Clock::Time deadline) {
     const CallInFlight call(*this);
-    return call.handle() != nullptr ? call.handle()->readAvailable(buffer, maxBytes, deadline) : kReadFailed;
+    if (call.handle() == nullptr) {
+        return kReadFailed;
+    }
+    const int result = call.handle()->readAvailable(buffer, maxBytes, deadline);
+    if (result == kReadFailed) {
+        const std::lock_guard guard(mutex_);
+        systemError_ = call.handle()->systemError();
+    }
+    return result;
 }
 
-int SerialPort::write(const void* data, std::size_t length, Clock::Time deadline) {
+int SerialPort::write(const void* data, std::size_t length, Clock::Time deadline,
+                      const std::atomic<std::uint32_t>* stop) {
     const CallInFlight call(*this);
     if (call.handle() == nullptr) {
         return kWriteFailed;
     }
     const WriteTurn turn(*this, deadline);
-    return turn.mine() ? call.handle()->write(data, length, deadline) : kWriteFailed;
+    return turn.mine() ? call.handle()->write(data, length, deadline, stop) : kWriteFailed;
 }
 
 void SerialPort::wake() {

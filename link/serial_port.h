@@ -29,7 +29,8 @@ class SerialPort : public Port {
     int systemError() const override;
     int read(void* buffer, std::uint32_t maxBytes, std::uint32_t timeoutMs) override;
     int readAvailable(void* buffer, std::uint32_t maxBytes, Clock::Time deadline) override;
-    int write(const void* data, std::size_t length, Clock::Time deadline = kNever) override;
+    int write(const void* data, std::size_t length, Clock::Time deadline = kNever,
+              const std::atomic<std::uint32_t>* stop = nullptr) override;
     void wake() override;
     void requestLowLatency() override;
     void restoreSettings() override;

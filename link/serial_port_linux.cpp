@@ -84,7 +84,8 @@ class LinuxPort : public NativePort {
         return maxBytes == 0 ? 0 : take(buffer, maxBytes, deadline, true);
     }
 
-    int write(const void* data, std::size_t length, Clock::Time deadline) override {
+    int write(const void* data, std::size_t length, Clock::Time deadline,
+              const std::atomic<std::uint32_t>* stop) override {
         const char* bytes = static_cast<const char*>(data);
         while (length > 0) {
             const ssize_t written = ::write(device_.get(), bytes, length);
@@ -95,7 +96,7 @@ class LinuxPort : public NativePort {
                 return Port::kWriteFailed;
             }
             // The deadline and closing count also when the line goes on taking bytes.
-            if (length > 0 && (wait(POLLOUT, deadline, false) != Readiness::kReady || hasCome(deadline))) {
+            if (length > 0 && (waitForRoom(deadline, stop) != Readiness::kReady || hasCome(deadline))) {
                 return Port::kWriteFailed;
             }
         }
@@ -108,6 +109,19 @@ class LinuxPort : public NativePort {
     void requestLowLatency() override { low_latency_linux::request(device_.get(), file_); }
 
   private:
+    Readiness waitForRoom(Clock::Time deadline, const std::atomic<std::uint32_t>* stop) const {
+        if (stop == nullptr) {
+            return wait(POLLOUT, deadline, false);
+        }
+        while (*stop == 0) {
+            const Clock::Time look = std::min(deadline, systemClock().now() + Port::kStopLook);
+            if (const Readiness seen = wait(POLLOUT, look, false); seen != Readiness::kTimeout || look == deadline) {
+                return seen;
+            }
+        }
+        return Readiness::kTimeout;
+    }
+
     static bool hasCome(Clock::Time deadline) { return deadline != Port::kNever && systemClock().now() >= deadline; }
 
     /// What both ways of reading are made of: waits for bytes and takes what is there. 0 when none came by `deadline`
@@ -125,6 +139,7 @@ class LinuxPort : public NativePort {
                     return 0;
                 }
                 case Readiness::kGone:
+                    fail(lineError());
                     return Port::kReadFailed;
                 case Readiness::kTimeout:
                     if (awaited != 0) {
@@ -141,6 +156,7 @@ class LinuxPort : public NativePort {
                 return static_cast<int>(got);
             }
             if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
+                fail(got == 0 ? lineError() : errno);
                 return Port::kReadFailed;
             }
             if (hasCome(deadline)) {
@@ -150,6 +166,12 @@ class LinuxPort : public NativePort {
             awaited = 0;
             until = std::min(deadline, systemClock().now() + kSpuriousPause);
         }
+    }
+
+    /// What the system says of a line that is gone.
+    int lineError() const {
+        int waiting = 0;
+        return ::ioctl(device_.get(), FIONREAD, &waiting) == 0 ? 0 : errno;
     }
 
     /// Waits until the device takes part in `events`. With none of them it merely sees what ends every wait.

@@ -96,7 +96,7 @@ class SynchronousPort : public Win32Port {
         }
     }
 
-    int write(const void* data, std::size_t length, Clock::Time deadline) override {
+    int write(const void* data, std::size_t length, Clock::Time deadline, const std::atomic<std::uint32_t>*) override {
         const DWORD limit = std::max<DWORD>(millisecondsUntil(deadline), 1);
         if (isClosing() || !setWriteLimit(limit)) {
             return Port::kWriteFailed;

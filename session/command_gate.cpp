@@ -5,7 +5,7 @@
 
 namespace velmora {
 
-CommandGate::Entry CommandGate::enter(const Signal* cancel) {
+CommandGate::Entry CommandGate::enter(Clock::Time deadline, const Signal* cancel) {
     // The wait is for a mutex and a signal at once; turns are so short that looking at the signal now and then will do.
     constexpr std::chrono::milliseconds kLook{10};
     std::unique_lock lock(mutex_);
@@ -21,7 +21,10 @@ CommandGate::Entry CommandGate::enter(const Signal* cancel) {
             inside_ = true;
             return Entry::kEntered;
         }
-        clock_.wait(changed_, lock, inside_ ? now + kLook : std::min(next_, now + kLook));
+        if (now >= deadline) {
+            return Entry::kTimeout;
+        }
+        clock_.wait(changed_, lock, std::min({deadline, now + kLook, inside_ ? Clock::kNever : next_}));
     }
 }
 

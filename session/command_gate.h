@@ -15,10 +15,11 @@ class CommandGate {
 
     CommandGate(Clock& clock, Clock::Duration gap) : clock_(clock), gap_(gap) {}
 
-    enum class Entry { kEntered, kCancelled, kClosed };
+    enum class Entry { kEntered, kTimeout, kCancelled, kClosed };
 
-    /// Waits for the turn; leave() follows if it was entered. A raised `cancel`, which may be null, ends the wait.
-    Entry enter(const Signal* cancel);
+    /// Waits for the turn, if need be until `deadline`; leave() follows if it was entered. A raised `cancel`, which may
+    /// be null, ends the wait.
+    Entry enter(Clock::Time deadline, const Signal* cancel);
     void leave();
 
     /// Turns everybody away from now on.

@@ -45,7 +45,7 @@ class Probe {
 
     bool over() const { return over_; }
     void giveUp() {
-        givenUp_ = true;
+        givenUp_ = 1;
         port_->wake();
     }
     const Outcome& outcome() const { return outcome_; }  ///< once it is over
@@ -73,11 +73,11 @@ class Probe {
         }
         const std::unique_ptr<StreamReader> reader = std::make_unique<StreamReader>();
         Clock::Time asked;
-        for (int i = 0; i < kPings && !answered_ && !givenUp_; ++i) {
+        for (int i = 0; i < kPings && !answered_ && givenUp_ == 0; ++i) {
             asked = systemClock().now();
             const auto deadline = asked + kAnswerTime;
-            port_->write(protocol::kPing.data(), protocol::kPing.size(), deadline);
-            while (!answered_ && !givenUp_ && systemClock().now() < deadline) {
+            port_->write(protocol::kPing.data(), protocol::kPing.size(), deadline, &givenUp_);
+            while (!answered_ && givenUp_ == 0 && systemClock().now() < deadline) {
                 const auto room = reader->room();
                 const int count = port_->readAvailable(room.data(), static_cast<std::uint32_t>(room.size()), deadline);
                 if (count < 0) {
@@ -104,7 +104,7 @@ class Probe {
     const std::unique_ptr<Port> port_;
     Outcome outcome_;
     bool answered_ = false;
-    std::atomic<bool> givenUp_{false};
+    std::atomic<std::uint32_t> givenUp_{0};
     std::atomic<bool> over_{false};
     std::thread thread_;
 };
@@ -139,8 +139,9 @@ Outcome findDongles(const Environment& environment, bool allPorts, Signal* cance
     if (!allOver()) {
         for (std::size_t i = 0; i < ports.size(); ++i) {
             if (probes[i] != nullptr) {
+                const bool over = probes[i]->over();
                 probes[i]->giveUp();
-                tell(ports[i], {VELMORA_CANCELLED});
+                tell(ports[i], over ? probes[i]->outcome() : cancelled());
             }
         }
         return failure(VELMORA_CANCELLED, "The search was cancelled.");  // the probes end with their objects

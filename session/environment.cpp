@@ -41,7 +41,7 @@ Outcome openFailure(Port::Result result, int code, const std::string& path, cons
                        code);
     }
     for (const velmora_port& port : environment.listPorts(Environment::Holders::kLook)) {
-        if (path == port.path && port.status != VELMORA_OK) {
+        if (samePort(path, port.path) && port.status != VELMORA_OK) {
             return failure(port.status, port.text, code);
         }
     }

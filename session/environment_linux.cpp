@@ -1,5 +1,9 @@
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
 
+#include "link/port_names.h"
+#include "link/serial_port.h"
 #include "session/environment_platform.h"
 
 namespace velmora {
@@ -15,6 +19,15 @@ velmora_status statusOfOpenError(int code) {
         default:
             return VELMORA_FAILED;
     }
+}
+
+bool samePort(const std::string& a, const std::string& b) {
+    const auto resolved = [](const std::string& name) {
+        std::error_code missing;
+        return std::filesystem::weakly_canonical(kxorbeta_if::deviceFile(name, kxorbeta_if::SerialPort::kDeviceFolder),
+                                                 missing);
+    };
+    return a == b || resolved(a) == resolved(b);
 }
 
 }  // namespace velmora

@@ -56,6 +56,8 @@ class Receiver {
     std::span<std::uint8_t> room() { return reader_.room(); }
     /// `count` bytes, or none, lie at the start of room().
     void received(std::size_t count, Nanoseconds now);
+    /// When received() is to be called again, if no bytes come before.
+    Clock::Time due() const { return Clock::Time(std::chrono::nanoseconds(reader_.deadline())); }
     void lineIsGone(Nanoseconds now, int systemCode);
 
     void start(Nanoseconds now);

@@ -1,9 +1,11 @@
 #include "session/session.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
 #include "base/pinned_thread.h"
+#include "session/environment_platform.h"
 #include "session/talk.h"
 #include "session/wait.h"
 
@@ -39,7 +41,7 @@ Outcome Session::open(const std::string& path) {
     const std::lock_guard life(lifeMutex_);
     path_ = path;
     for (const velmora_port& port : environment_.listPorts(Environment::Holders::kLeaveOut)) {
-        if (path == port.path) {
+        if (samePort(path, port.path)) {
             identity_ = port;
         }
     }
@@ -117,6 +119,9 @@ Outcome Session::reopen(Clock::Time deadline, Signal* cancel) {
         }
         receiver_.conversation().begin(Conversation::Topic::kReopen);
     }
+    if (cancel != nullptr && cancel->isSet()) {
+        return cancelled();
+    }
     Outcome last;
     const auto ended = [&] {
         last = openWhereItIs();
@@ -150,21 +155,20 @@ void Session::close() {
 }
 
 void Session::readUntilEnd() {
-    for (;;) {
+    Clock::Time due = Clock::kNever;
+    for (bool going = true; going;) {
         const auto room = receiver_.room();
         const int count = port_->readAvailable(room.data(), static_cast<std::uint32_t>(room.size()),
-                                               systemClock().now() + Receiver::kLongestWait);
+                                               std::min(due, systemClock().now() + Receiver::kLongestWait));
         const Nanoseconds now = nanoseconds(systemClock().now());
         const std::lock_guard guard(mutex_);
-        if (state_ != State::kOpen) {
-            break;
-        }
-        if (count < 0) {
+        try {
+            going = take(count, now);
+        } catch (...) {  // no memory, or a log function that throws
             lineIsGone(now);
-            break;
+            going = false;
         }
-        receiver_.received(static_cast<std::size_t>(count), now);
-        queue_.publish();
+        due = receiver_.due();
     }
     port_->close();  // at once, so that its name is free when it is plugged in again
     const std::lock_guard guard(mutex_);
@@ -172,15 +176,32 @@ void Session::readUntilEnd() {
     readingEnded_.notify_all();  // under the mutex: whoever waits for this may destroy it all
 }
 
+/// The mutex is held. What the port has brought; false when there will be no more.
+bool Session::take(int count, Nanoseconds now) {
+    if (state_ != State::kOpen) {
+        return false;
+    }
+    if (count < 0) {
+        lineIsGone(now);
+        log("the port is gone", "");
+        return false;
+    }
+    receiver_.received(static_cast<std::size_t>(count), now);
+    queue_.publish();
+    return true;
+}
+
 /// The mutex is held.
 void Session::lineIsGone(Nanoseconds now) {
+    if (state_ != State::kOpen) {
+        return;
+    }
     state_ = State::kGone;
     endAllWaiting(VELMORA_GONE);  // before all headsets are seen to have left, which is not why calls end
     receiver_.lineIsGone(now, port_->systemError());
     queue_.publish();
     ended_ = VELMORA_GONE;
     queue_.wakeTaker();
-    log("the port is gone", "");
 }
 
 /// The mutex is held.

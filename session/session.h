@@ -91,12 +91,15 @@ class Session : private Receiver::Listener {
     std::optional<std::string> whereItIs() const;
     Outcome openWhereItIs();
     void readUntilEnd();
+    bool take(int count, Nanoseconds now);
     void lineIsGone(Nanoseconds now);
 
     Outcome notOpen() const;
-    Outcome write(std::span<const std::uint8_t> bytes, const Signal* cancel, Nanoseconds* when = nullptr);
-    Outcome writeCommand(std::span<const std::uint8_t> bytes, const Signal* cancel, Request* request);
-    Outcome writeText(std::string_view text, const Signal* cancel);
+    Outcome write(std::span<const std::uint8_t> bytes, std::string_view shown, Clock::Time deadline,
+                  const Signal* cancel, Nanoseconds* when = nullptr);
+    Outcome writeCommand(std::span<const std::uint8_t> bytes, Clock::Time deadline, const Signal* cancel,
+                         Request* request);
+    Outcome writeText(std::string_view text, Clock::Time deadline, const Signal* cancel);
     void endRequest(std::size_t index, velmora_status reason);
     void endAllWaiting(velmora_status reason);
     void log(std::string_view what, std::string_view text) const;

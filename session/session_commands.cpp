@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <limits>
 
 #include "base/text.h"
@@ -14,7 +15,9 @@ using kxorbeta_if::Port;
 using kxorbeta_if::systemClock;
 using namespace std::chrono_literals;
 
-constexpr auto kWriteTime = 1s;  // a dongle that takes a command at all takes it in milliseconds
+constexpr auto kLongestWrite = 1s;     // a dongle that takes a command at all takes it in milliseconds
+constexpr auto kShortestWrite = 20ms;  // what even a call gets that is not to wait
+constexpr auto kVerdict = 200ms;       // in which the reading thread sees what ended a write
 
 /// What goes out for a command, or why nothing can.
 Outcome buildCommand(int target, std::uint8_t command, std::span<const std::uint8_t> payload, bool knownTexts,
@@ -50,8 +53,12 @@ struct Session::Request {
     Signal moved;
 };
 
-Outcome Session::write(std::span<const std::uint8_t> bytes, const Signal* cancel, Nanoseconds* when) {
-    switch (commands_.enter(cancel)) {
+/// `shown`: what a log shows of it.
+Outcome Session::write(std::span<const std::uint8_t> bytes, std::string_view shown, Clock::Time deadline,
+                       const Signal* cancel, Nanoseconds* when) {
+    switch (commands_.enter(deadline, cancel)) {
+        case CommandGate::Entry::kTimeout:
+            return failure(VELMORA_TIMEOUT, "Other commands kept this one waiting until its time was over.");
         case CommandGate::Entry::kCancelled:
             return cancelled();
         case CommandGate::Entry::kClosed:
@@ -59,26 +66,45 @@ Outcome Session::write(std::span<const std::uint8_t> bytes, const Signal* cancel
         case CommandGate::Entry::kEntered:
             break;
     }
-    const auto now = systemClock().now();
-    if (when != nullptr) {
-        const std::lock_guard guard(mutex_);
-        *when = nanoseconds(now);
+    Clock::Time until;
+    {
+        struct Turn {
+            CommandGate& gate;
+            ~Turn() { gate.leave(); }
+        } const turn{commands_};
+        log("sending ", shown);
+        const auto now = systemClock().now();
+        until = std::clamp(deadline, now + kShortestWrite, now + kLongestWrite);
+        if (when != nullptr) {
+            const std::lock_guard guard(mutex_);
+            *when = nanoseconds(now);
+        }
+        const auto* const stop = cancel != nullptr ? &cancel->state() : nullptr;
+        if (port_->write(bytes.data(), bytes.size(), until, stop) == Port::kWritten) {
+            return {};
+        }
     }
-    const bool written = port_->write(bytes.data(), bytes.size(), now + kWriteTime) == Port::kWritten;
-    commands_.leave();
-    const std::lock_guard guard(mutex_);
-    if (written) {
-        return {};
+    if (cancel != nullptr && cancel->isSet()) {
+        return cancelled();
+    }
+    const bool refused = systemClock().now() < until;
+    std::unique_lock lock(mutex_);
+    if (refused) {
+        // Most likely the line is gone, and the reading thread about to see that.
+        readingEnded_.wait_for(lock, kVerdict, [this] { return !reading_ || state_ != State::kOpen; });
     }
     if (Outcome state = notOpen(); !state.ok()) {
         return state;
     }
-    return failure(VELMORA_TIMEOUT, "The port did not take a command for a second. Unplug the dongle and plug it in.");
+    return refused ? failure(VELMORA_FAILED, "The port refused a command. Unplug the dongle and plug it in.")
+                   : failure(VELMORA_TIMEOUT,
+                             "The port did not take a command in time. If that lasts, unplug the "
+                             "dongle and plug it in.");
 }
 
-Outcome Session::writeText(std::string_view text, const Signal* cancel) {
-    log("sent: ", text.substr(0, text.find('\0')));
-    return write({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, cancel);
+Outcome Session::writeText(std::string_view text, Clock::Time deadline, const Signal* cancel) {
+    return write({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, text.substr(0, text.find('\0')),
+                 deadline, cancel);
 }
 
 Outcome Session::send(int target, std::uint8_t command, std::span<const std::uint8_t> payload, bool knownTexts) {
@@ -87,23 +113,23 @@ Outcome Session::send(int target, std::uint8_t command, std::span<const std::uin
     if (Outcome built = buildCommand(target, command, payload, knownTexts, envelope, code); !built.ok()) {
         return built;
     }
-    return writeCommand(envelope.bytes(), nullptr, nullptr);
+    return writeCommand(envelope.bytes(), Clock::kNever, nullptr, nullptr);
 }
 
-Outcome Session::writeCommand(std::span<const std::uint8_t> bytes, const Signal* cancel, Request* request) {
+Outcome Session::writeCommand(std::span<const std::uint8_t> bytes, Clock::Time deadline, const Signal* cancel,
+                              Request* request) {
     {
         const std::lock_guard guard(mutex_);
         if (Outcome state = notOpen(); !state.ok()) {
             return state;
         }
     }
-    Outcome outcome = write(bytes, cancel, request != nullptr ? &request->sent : nullptr);
+    const std::string shown =
+        settings_.log != nullptr ? "command, target and bytes: " + kxorbeta_if::hexText(bytes) : "";
+    Outcome outcome = write(bytes, shown, deadline, cancel, request != nullptr ? &request->sent : nullptr);
     if (outcome.ok()) {
         const std::lock_guard guard(mutex_);
         ++commandCount_;
-    }
-    if (settings_.log != nullptr) {
-        log("sent command, target and bytes: ", kxorbeta_if::hexText(bytes));
     }
     return outcome;
 }
@@ -126,7 +152,15 @@ Outcome Session::request(int index, std::uint8_t command, std::span<const std::u
         }
         slot = &request;
     }
-    Outcome outcome = writeCommand(envelope.bytes(), cancel, &request);
+    struct Release {  // however this ends
+        Session& session;
+        Request*& slot;
+        ~Release() {
+            const std::lock_guard guard(session.mutex_);
+            slot = nullptr;
+        }
+    } const release{*this, slot};
+    Outcome outcome = writeCommand(envelope.bytes(), deadline, cancel, &request);
     if (outcome.ok()) {
         const auto done = [&] {
             const std::lock_guard guard(mutex_);
@@ -138,7 +172,6 @@ Outcome Session::request(int index, std::uint8_t command, std::span<const std::u
         }
     }
     const std::lock_guard guard(mutex_);
-    slot = nullptr;
     if (!request.done) {
         return outcome;
     }

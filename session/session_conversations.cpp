@@ -37,7 +37,7 @@ Outcome Session::Talk::begin(const std::function<Outcome()>& start) {
 }
 
 Outcome Session::Talk::ask(std::string_view command, Clock::Time deadline, Signal* cancel, const OnFound& onFound) {
-    Outcome outcome = session_.writeText(command, cancel);
+    Outcome outcome = session_.writeText(command, deadline, cancel);
     if (!outcome.ok()) {
         return outcome;
     }
@@ -168,7 +168,7 @@ Outcome Session::dropAll(bool allowUnproved) {
     if (Outcome begun = talk.begin(start); !begun.ok()) {
         return begun;
     }
-    Outcome outcome = writeText(protocol::kDisconnectAll, nullptr);
+    Outcome outcome = writeText(protocol::kDisconnectAll, Clock::kNever, nullptr);
     if (outcome.ok()) {
         const std::lock_guard guard(mutex_);
         if (state_ == State::kOpen) {

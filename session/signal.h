@@ -23,6 +23,8 @@ class Signal {
     /// A set() that overlaps it wins or loses.
     void reset() noexcept;
     bool isSet() const noexcept { return set_.load() != 0; }
+    /// Not 0 while it is set: for who looks at it now and then.
+    const std::atomic<std::uint32_t>& state() const noexcept { return set_; }
 
   private:
     friend bool waitForEither(Signal& own, Signal* cancel, Clock::Time deadline) noexcept;

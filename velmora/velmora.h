@@ -36,13 +36,15 @@
  *     - velmora_destroy: nobody may be inside any call on that handle, and nobody may call anything on it afterwards.
  *   velmora_close may overlap everything; the calls that it finds inside end with VELMORA_CLOSED.
  *   Nothing but velmora_ports, velmora_find, velmora_open, velmora_reopen, velmora_close and the calls with a time-out
- *   blocks for longer than the port takes to accept a command (bounded by one second).
+ *   blocks for longer than a command takes to go out: those before it, a `command_gap_ms` behind each, and up to one
+ *   second for the port to take it.
  *
  * CANCELLING
- *   Every call that waits takes a velmora_cancel, which may be null. Raising it ends, within 50 milliseconds, each call
- *   that was given it, also when the port is gone, with VELMORA_CANCELLED; it stays raised until it is reset, so a call
- *   that has not begun to wait yet is ended too. One object can be given to several calls; a call is ended by its own
- *   object alone. velmora_cancel_raise may be called from a signal handler.
+ *   Every call with a time-out, and velmora_find, takes a velmora_cancel, which may be null; velmora_send and
+ *   velmora_drop_all, which wait for the port alone, take none. Raising it ends, within 50 milliseconds, each call that
+ *   was given it, also when the port is gone, with VELMORA_CANCELLED; it stays raised until it is reset, so a call that
+ *   has not begun to wait yet is ended too. One object can be given to several calls; a call is ended by its own object
+ *   alone. velmora_cancel_raise may be called from a signal handler.
  *
  * TIME
  *   All times are int64_t nanoseconds of one clock: CLOCK_MONOTONIC on Linux, QueryPerformanceCounter on Windows. These
@@ -62,7 +64,8 @@
  *
  * FORK
  *   A process that forks keeps its handles in the parent. The child must not use them, not even to close them: it has
- *   their memory but not their threads. Ports are not inherited by programs that the child starts.
+ *   their memory but not their threads. But it has their ports open, and with them the lock on each: until it ends, or
+ *   starts another program, which does not inherit them, a port that the parent closes stays VELMORA_HELD.
  */
 #ifndef VELMORA_VELMORA_H
 #define VELMORA_VELMORA_H
@@ -166,7 +169,8 @@ typedef struct velmora_port {
  *   ports     room for `capacity` elements, `stride` bytes apart; may be null when capacity is 0
  *   count     out: how many ports there are; beyond `capacity` they are only counted
  * On Linux the holder of a port is looked up among this user's processes; another user's shows itself only when the
- * port is opened.
+ * port is opened. VELMORA_OK, also without any port; VELMORA_INVALID for a null `count` or a list that is not as
+ * described above, VELMORA_FAILED, VELMORA_NO_MEMORY.
  */
 VELMORA_PUBLIC velmora_status velmora_ports(velmora_port* ports, size_t stride, size_t capacity, size_t* count,
                                             velmora_error* error);
@@ -185,11 +189,13 @@ typedef struct velmora_find_options {
  * that somebody is seen to hold are left alone. Line settings are put back as they were found.
  *   options   null: the defaults
  *   ports     as for velmora_ports; every port is listed, whether it was pinged or not. `status` is VELMORA_OK for a
- *             dongle; VELMORA_NOT_A_DONGLE, VELMORA_FORBIDDEN, VELMORA_HELD, VELMORA_FAILED, or VELMORA_INVALID for a
- *             port that was not to be pinged; `text` says why, and of a dongle how soon it answered
+ *             dongle; VELMORA_NOT_A_DONGLE, VELMORA_FORBIDDEN, VELMORA_HELD, VELMORA_FAILED, VELMORA_NOT_FOUND for one
+ *             that went away meanwhile, VELMORA_CANCELLED for one that had not answered by then, VELMORA_NO_MEMORY, or
+ *             VELMORA_INVALID for one that was not to be pinged; `text` says why, and of a dongle how soon it answered
  *   count     out: how many ports there are
  * VELMORA_OK when there is at least one dongle, VELMORA_NOT_FOUND when there is none (the error text names each port
- * that was tried), VELMORA_CANCELLED. Takes about one second when a port stays silent.
+ * that was tried), VELMORA_CANCELLED, with `ports` and `count` filled in by all three; VELMORA_INVALID, VELMORA_FAILED,
+ * VELMORA_NO_MEMORY. Takes about one second when a port stays silent.
  */
 VELMORA_PUBLIC velmora_status velmora_find(const velmora_find_options* options, velmora_port* ports, size_t stride,
                                            size_t capacity, size_t* count, velmora_cancel* cancel,
@@ -202,8 +208,8 @@ typedef struct velmora_dongle velmora_dongle;
 
 /*
  * A line for a host's log file: what the handle sends and what the dongle says. `text` is valid during the call. Called
- * on the handle's reading thread and on threads inside calls on the handle, one at a time; it must return soon and must
- * not call the library.
+ * on the handle's reading thread and on threads inside calls on the handle, one at a time; it must return soon, must
+ * not call the library, and must not throw: what it throws on the reading thread ends the line as an unplugging does.
  */
 typedef void (*velmora_log_function)(void* context, int64_t time, const char* text);
 
@@ -242,7 +248,8 @@ VELMORA_PUBLIC velmora_status velmora_open(const char* path, const velmora_open_
  * number is known again by that alone, on whatever port it appears; one without is looked for under its old path. The
  * handle keeps its headset numbers, its queue and whether it was started; the headsets have to be connected anew.
  * VELMORA_OK, also when the port is open; VELMORA_TIMEOUT, with the reason of the last attempt in `error`;
- * VELMORA_CANCELLED, VELMORA_BUSY, VELMORA_CLOSED.
+ * VELMORA_CANCELLED, VELMORA_BUSY, VELMORA_CLOSED, VELMORA_INVALID for a null handle, VELMORA_FAILED,
+ * VELMORA_NO_MEMORY.
  */
 VELMORA_PUBLIC velmora_status velmora_reopen(velmora_dongle* dongle, int32_t timeout_ms, velmora_cancel* cancel,
                                              velmora_error* error);
@@ -285,10 +292,12 @@ typedef struct velmora_scan_options {
  *   options    null: the defaults
  *   found      room for `capacity` elements, `stride` bytes apart; may be null when capacity is 0
  *   count      out: how many were reported; beyond `capacity` they are only counted. Set whatever the result is
- *   timeout_ms a dongle takes up to 20 seconds
+ *   timeout_ms a dongle takes up to 20 seconds (UNPROVED)
  * VELMORA_OK when the dongle said that the scan is over; VELMORA_TIMEOUT and VELMORA_CANCELLED leave it scanning: what
- * it still reports is ignored, and the next scan is not ended by it, as long as the dongle ends each scan. VELMORA_BUSY
- * while headsets are connected; VELMORA_RESTARTED, VELMORA_GONE, VELMORA_CLOSED.
+ * it still reports is ignored, and the next scan is not ended by it, as long as the dongle ends each scan. What a
+ * dongle makes of a scan or a connect while it is still at one that was given up is UNPROVED. VELMORA_BUSY while
+ * headsets are connected, or another call has the dongle; VELMORA_RESTARTED, VELMORA_GONE, VELMORA_CLOSED,
+ * VELMORA_INVALID, VELMORA_FAILED when the port refused the command, VELMORA_NO_MEMORY.
  */
 VELMORA_PUBLIC velmora_status velmora_scan(velmora_dongle* dongle, const velmora_scan_options* options,
                                            velmora_found* found, size_t stride, size_t capacity, size_t* count,
@@ -314,8 +323,13 @@ enum { VELMORA_ALLOW_UNPROVED = 1 };
  *              ignore it or drop those that it has; without the flag the call then answers VELMORA_BUSY
  * VELMORA_OK when the dongle said that the attempt is over and all are connected; VELMORA_NOT_CONNECTED when it is over
  * and some are not (`wanted` tells which); VELMORA_TIMEOUT and VELMORA_CANCELLED leave the dongle at it: headsets that
- * connect later are told by events. VELMORA_RESTARTED, VELMORA_GONE, VELMORA_CLOSED, VELMORA_INVALID.
- * A dongle takes a few seconds for each headset, and up to 100 seconds for one that is not there.
+ * connect later are told by events. VELMORA_RESTARTED, VELMORA_GONE, VELMORA_CLOSED, VELMORA_INVALID, VELMORA_FAILED
+ * when the port refused the command, VELMORA_NO_MEMORY.
+ * A dongle takes a few seconds for each headset, and up to 100 seconds for one that is not there (UNPROVED).
+ * A dongle that was left at it still owes the end of that attempt. It is not taken for the end of the next one, unless
+ * all of that one's headsets are connected. A dongle that never sends it lets the next connect, if a headset is
+ * missing, end with VELMORA_TIMEOUT instead of VELMORA_NOT_CONNECTED; velmora_drop_all, a restart and an unplugging
+ * make an end of it.
  */
 VELMORA_PUBLIC velmora_status velmora_connect(velmora_dongle* dongle, velmora_wanted* wanted, size_t stride,
                                               size_t count, uint32_t flags, int32_t timeout_ms, velmora_cancel* cancel,
@@ -325,7 +339,8 @@ VELMORA_PUBLIC velmora_status velmora_connect(velmora_dongle* dongle, velmora_wa
  * Lets the dongle drop one headset and waits for its report.
  *   address   as velmora_headsets gives it; copied
  * VELMORA_OK; VELMORA_NOT_FOUND when no headset of that address is connected; VELMORA_TIMEOUT when the dongle did not
- * report it; VELMORA_BUSY, VELMORA_CANCELLED, VELMORA_RESTARTED, VELMORA_GONE, VELMORA_CLOSED, VELMORA_INVALID.
+ * report it; VELMORA_BUSY, VELMORA_CANCELLED, VELMORA_RESTARTED, VELMORA_GONE, VELMORA_CLOSED, VELMORA_INVALID,
+ * VELMORA_FAILED when the port refused the command, VELMORA_NO_MEMORY.
  */
 VELMORA_PUBLIC velmora_status velmora_drop(velmora_dongle* dongle, const char* address, int32_t timeout_ms,
                                            velmora_cancel* cancel, velmora_error* error);
@@ -335,6 +350,8 @@ VELMORA_PUBLIC velmora_status velmora_drop(velmora_dongle* dongle, const char* a
  * written, and an event says so for each.
  *   flags     0, or VELMORA_ALLOW_UNPROVED: send it also when no headset is known to be connected, to free headsets
  *             that an ended program left. UNPROVED; without the flag the call then answers VELMORA_BUSY
+ * Further results: VELMORA_BUSY while another call has the dongle; VELMORA_TIMEOUT when the port took nothing for a
+ * second, VELMORA_FAILED when it refused the command; VELMORA_GONE, VELMORA_CLOSED, VELMORA_INVALID, VELMORA_NO_MEMORY.
  */
 VELMORA_PUBLIC velmora_status velmora_drop_all(velmora_dongle* dongle, uint32_t flags, velmora_error* error);
 
@@ -352,6 +369,7 @@ typedef struct velmora_headset {
  * Lists the headsets that the handle has met, by number; those that are not connected (any more) are in it as well.
  *   headsets  room for `capacity` elements, `stride` bytes apart; may be null when capacity is 0
  *   count     out: how many there are; beyond `capacity` they are only counted
+ * VELMORA_OK, VELMORA_INVALID.
  */
 VELMORA_PUBLIC velmora_status velmora_headsets(velmora_dongle* dongle, velmora_headset* headsets, size_t stride,
                                                size_t capacity, size_t* count);
@@ -442,7 +460,7 @@ enum { VELMORA_KNOWN_TEXTS = 1 };
  *   length    0 to 4, 8, 10, 11 or 12; VELMORA_INVALID for others. With 4 and 12 the payload's last byte takes the
  *             place of the command code, which is not sent
  * VELMORA_OK when the port took it; whether it arrived is not told. VELMORA_GONE, VELMORA_CLOSED, VELMORA_TIMEOUT when
- * the port took nothing for a second.
+ * the port took nothing for a second, VELMORA_FAILED when it refused the command.
  */
 VELMORA_PUBLIC velmora_status velmora_send(velmora_dongle* dongle, int32_t target, uint8_t command,
                                            const uint8_t* payload, size_t length, uint32_t flags, velmora_error* error);
@@ -514,6 +532,7 @@ typedef struct velmora_statistics {
     uint64_t commands;       /* written by velmora_send and velmora_request */
 } velmora_statistics;
 
+/* VELMORA_OK, also when the handle is closed; VELMORA_INVALID. */
 VELMORA_PUBLIC velmora_status velmora_get_statistics(velmora_dongle* dongle, velmora_statistics* statistics);
 
 /* Counts since velmora_start of one channel, or of a headset's packets of several channels. 48 bytes. */
@@ -534,7 +553,7 @@ typedef struct velmora_headset_statistics {
     velmora_channel_statistics channels[VELMORA_CHANNELS];
 } velmora_headset_statistics;
 
-/* VELMORA_NOT_FOUND for a number that no headset has. */
+/* VELMORA_OK, VELMORA_NOT_FOUND for a number that no headset has, VELMORA_INVALID. */
 VELMORA_PUBLIC velmora_status velmora_get_headset_statistics(velmora_dongle* dongle, int32_t headset,
                                                              velmora_headset_statistics* statistics);
 

@@ -32,7 +32,9 @@ class ScriptedPort : public NativePort {
     bool applyTimeouts() override { return script->failing != Script::kApplyTimeouts || fail(103); }
     int read(void*, std::uint32_t, std::uint32_t timeoutMs) override { return script->read(timeoutMs); }
     int readAvailable(void*, std::uint32_t, steady_clock::time_point) override { return script->read(0); }
-    int write(const void*, std::size_t, steady_clock::time_point deadline) override { return script->write(deadline); }
+    int write(const void*, std::size_t, steady_clock::time_point deadline, const std::atomic<std::uint32_t>*) override {
+        return script->write(deadline);
+    }
     void wake() override {}
     void wakeAll() override { script->closing = true; }
 };

@@ -5,8 +5,10 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -54,10 +56,18 @@ int readUpToGone(velmora::Session& session) {
     for (int raw = 0; session.read(&record, sizeof record, 1, 1, 20'000, nullptr, got) == VELMORA_OK;) {
         raw += record.kind == VELMORA_RAW ? 1 : 0;
         if (record.kind == VELMORA_EVENT && record.code == VELMORA_EVENT_GONE) {
+            EXPECT_EQ(record.values[0], static_cast<std::uint32_t>(EIO));
             return raw;
         }
     }
     return -1;
+}
+
+bool isFree(const std::string& path) {
+    const int port = ::open(path.c_str(), O_RDWR | O_NOCTTY);
+    const bool locked = ::flock(port, LOCK_EX | LOCK_NB) == 0;
+    ::close(port);
+    return locked;
 }
 
 std::vector<velmora_wanted> everybody() {
@@ -71,7 +81,8 @@ std::vector<velmora_wanted> everybody() {
 TEST(Replug, TwentyTimesWhileReadingUnderAnotherNameWithoutTakingAStrangersDongle) {
     test::FakeMachine machine;
     std::unique_ptr<dongle::Runner> dongle = plugIn();
-    machine.plug(dongle->hostPath(), "MINE");
+    // It is opened under another name than it is listed by.
+    machine.plug(std::filesystem::canonical(dongle->hostPath()), "MINE");
     velmora::Session session(machine.environment(), {});
     ASSERT_TRUE(session.open(dongle->hostPath()).ok());
     ASSERT_TRUE(session.start(nullptr, nullptr).ok());
@@ -184,8 +195,20 @@ TEST(Find, TellsWhatEachPortIs) {
     ::close(watch);
     ::close(holder);
 
+    // Cancelling leaves the dongles that have answered.
+    machine.unplugAll();
+    machine.plug(silent->hostPath(), "");
+    machine.plug(streaming->hostPath(), "");
     velmora::Signal cancel;
-    cancel.set();
+    const auto asked = streaming->counters().bytesRead;
+    std::thread canceller([&] {
+        EXPECT_TRUE(
+            eventually([&] { return streaming->counters().bytesRead > asked && isFree(streaming->hostPath()); }));
+        cancel.set();
+    });
+    velmora::findDongles(machine.environment(), false, &cancel, ports);
+    canceller.join();
+    EXPECT_EQ(ports[1].status, VELMORA_OK) << ports[1].text;
     EXPECT_EQ(velmora::findDongles(machine.environment(), false, &cancel, ports).status, VELMORA_CANCELLED);
     machine.unplugAll();
     machine.plug(silent->hostPath(), "");

@@ -129,7 +129,7 @@ int VirtualLine::readAvailable(void* buffer, std::uint32_t maxBytes, Time deadli
     return open_ ? take(lock, buffer, maxBytes, deadline, true) : kReadFailed;
 }
 
-int VirtualLine::write(const void* data, std::size_t length, Time) {
+int VirtualLine::write(const void* data, std::size_t length, Time, const std::atomic<std::uint32_t>*) {
     const auto lock = clock_.lock();
     if (!open_ || hungUp()) {
         return kWriteFailed;

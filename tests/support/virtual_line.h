@@ -29,7 +29,8 @@ class VirtualLine : public kxorbeta_if::Port, private VirtualClock::Source {
     int systemError() const override { return 0; }
     int read(void* buffer, std::uint32_t maxBytes, std::uint32_t timeoutMs) override;
     int readAvailable(void* buffer, std::uint32_t maxBytes, kxorbeta_if::Clock::Time deadline) override;
-    int write(const void* data, std::size_t length, kxorbeta_if::Clock::Time deadline) override;
+    int write(const void* data, std::size_t length, kxorbeta_if::Clock::Time deadline,
+              const std::atomic<std::uint32_t>* stop) override;
     void wake() override;
     void close() override;
 
