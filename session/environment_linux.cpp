@@ -23,9 +23,10 @@ velmora_status statusOfOpenError(int code) {
 
 bool samePort(const std::string& a, const std::string& b) {
     const auto resolved = [](const std::string& name) {
-        std::error_code missing;
-        return std::filesystem::weakly_canonical(kxorbeta_if::deviceFile(name, kxorbeta_if::SerialPort::kDeviceFolder),
-                                                 missing);
+        const std::filesystem::path file = kxorbeta_if::deviceFile(name, kxorbeta_if::SerialPort::kDeviceFolder);
+        std::error_code refused;
+        const std::filesystem::path target = std::filesystem::weakly_canonical(file, refused);
+        return refused ? file : target;
     };
     return a == b || resolved(a) == resolved(b);
 }

@@ -262,6 +262,27 @@ TEST_F(ReceiverTest, OneOverrunEventForEachTimeThatTheHostFallsBehind) {
     EXPECT_EQ(taken().at(0).flags, VELMORA_FLAG_FIRST) << "that one was dropped";
 }
 
+TEST_F(ReceiverTest, DamageInAFrameCostsThatFrameAlone) {
+    feed("Service connected. A00000000001,1\n");
+    receiver.start(now);
+    taken();
+    std::string tooLong = packet(1, 0, 0);
+    tooLong.replace(tooLong.find("230"), 3, "930");
+    feed(tooLong);
+    for (unsigned counter = 1; counter < 8; ++counter) {
+        feed(packet(1, 0, counter));
+    }
+    // A restart in mid-frame; the headset connects again.
+    feed(packet(1, 0, 8).substr(0, 100));
+    feed("Bootup\r\nService connected. A00000000001,1\n" + packet(1, 0, 0));
+    rest(2 * kSecond);
+    std::string seen;
+    for (const velmora_record& r : taken()) {
+        seen += r.kind == VELMORA_RAW ? std::to_string(r.counter) : std::string(1, "?+-RGO"[r.code]);
+    }
+    EXPECT_EQ(seen, "1234567-R+0");
+}
+
 TEST_F(ReceiverTest, EventsFindRoomWhateverElseComes) {
     feed("Service connected. A00000000001,1\n");
     receiver.start(now);

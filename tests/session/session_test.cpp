@@ -18,6 +18,7 @@
 #include "dongle/dongle_runner.h"
 #include "link/serial_port.h"
 #include "support/eventually.h"
+#include "support/process_memory.h"
 #include "support/test_line.h"
 #include "velmora/velmora.hpp"
 
@@ -567,12 +568,15 @@ TEST_F(SessionTest, AHandleThatIsReplacedIsGoneBeforeItsLogFunction) {
 TEST_F(SessionTest, OpenedAndClosedThousandsOfTimes) {
     test::TestLine line = test::plugLine();
     const int openings = test::linesCanHangUp() ? 10'000 : 300;  // emulated ports take twenty milliseconds to open
+    std::size_t handles = 0;
     for (int i = 0; i < openings; ++i) {
         velmora::Dongle dongle(line.hostPort);
         if (i % 3 == 0) {
             dongle.close();
         }
+        handles = i == 100 ? test::openHandles() : handles;  // what the system keeps for itself is open by then
     }
+    EXPECT_LE(test::openHandles(), handles + 10);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // A long session of four dongles with sixteen headsets each, on full lines without gaps, with losses, repetitions, cut
-// frames, headsets that drop out and rejoin under another index, restarts and unpluggings:
+// frames, headsets that drop out and rejoin, restarts and unpluggings, and of a fifth with six headsets, two of which
+// rejoin under another index, for which only it has room:
 //     velmora_soak_program SECONDS [CORRUPT]
 // Every packet that a dongle has put on the line as a whole, and that did not go away with the port, has to be
 // delivered once. CORRUPT is the probability that a byte of a frame is wrong; the difference is then at most what the
@@ -29,7 +30,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kDongles = 4;
+constexpr int kDongles = 5;
 constexpr std::uint64_t kPacketBytes = 242;    // with the shortest header
 constexpr std::uint64_t kGrowth = 16U << 20U;  // of memory, over the whole of it
 #ifdef VELMORA_SANITIZED
@@ -41,7 +42,7 @@ constexpr bool kMemoryIsOurs = true;
 class Pair {
   public:
     Pair(const std::filesystem::path& folder, int number, double corrupt) {
-        dongle::Settings settings = dongle::defaultSettings(16);
+        dongle::Settings settings = dongle::defaultSettings(number < 4 ? 16 : 6);
         settings.account = true;
         settings.onSettled = [this](const dongle::PacketRecord& packet) { judge(packet); };
         settings.replies.connectDuration = 3ms;
@@ -60,6 +61,9 @@ class Pair {
         for (std::size_t i = 0; i < settings.headsets.size(); i += 5) {
             settings.headsets[i].disconnectAfter = 2s + number * 100ms;
             settings.headsets[i].rejoinAfter = 500ms;
+            if (number == 4) {
+                settings.headsets[i].rejoinIndex = 10 + static_cast<int>(i);
+            }
         }
         // A name of its own: the number of a terminal that went is soon another one's.
         const std::string port = folder / ("dongle" + std::to_string(number));

@@ -12,4 +12,9 @@ std::size_t processMemory() {
     return GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters) != 0 ? counters.WorkingSetSize : 0;
 }
 
+std::size_t openHandles() {
+    DWORD count = 0;
+    return GetProcessHandleCount(GetCurrentProcess(), &count) != 0 ? count : 0;
+}
+
 }  // namespace test
