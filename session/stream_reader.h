@@ -102,8 +102,8 @@ class StreamReader {
     static constexpr std::size_t kLongestText = 1024;
     static constexpr std::size_t kTextLookahead = 256;
 
-    /// For what follows a frame that holds a whole header. Hardly any payload does, so waiting costs nothing, and a line
-    /// whose next bytes are late on a busy machine must not look like one that has ended.
+    /// For what follows a frame that holds a whole header. Hardly any payload does, so waiting costs nothing, and a
+    /// line whose next bytes are late on a busy machine must not look like one that has ended.
     static constexpr std::int64_t kDoubt = 200'000'000;
 
     /// What stands at a place: nothing of the kind, what may become one with more bytes, or one.
