@@ -123,7 +123,10 @@ TEST_F(SerialPortLife, ClosingEndsTheRestOfAReadAndTheWaitForAnotherThreadsWrite
         const std::jthread reader([&] { EXPECT_EQ(read(port_, 8), ""); });
         const std::jthread writer(write);
         ASSERT_TRUE(test::eventually([&] { return inside >= 2; }));
-        EXPECT_EQ(port_.write("y", 1, steady_clock::now() + 20ms), Port::kWriteFailed) << "the other does not end";
+        for (const char* const other : {"y", "z"}) {
+            EXPECT_EQ(port_.write(other, 1, steady_clock::now() + 20ms), Port::kWriteFailed)
+                << "the first does not end";
+        }
         const std::jthread waiting(write);
         EXPECT_TRUE(port_.isOpen());
         port_.close();
