@@ -9,7 +9,7 @@ else()
         message(FATAL_ERROR "third_party/loguru is missing: run scripts/setup once")
     endif()
     add_library(velmora_loguru STATIC third_party/loguru/loguru.cpp)
-    target_compile_options(velmora_loguru PRIVATE -w)  # not ours to mend
+    target_compile_options(velmora_loguru PRIVATE $<IF:$<BOOL:${MSVC}>,/w,-w>)  # not ours to mend
     target_include_directories(velmora_loguru SYSTEM PUBLIC third_party)
     target_link_libraries(velmora_loguru PUBLIC Threads::Threads ${CMAKE_DL_LIBS})
     set_target_properties(velmora_loguru PROPERTIES

@@ -75,6 +75,11 @@
 extern "C" {
 #endif
 
+/* The version that this header describes; SDK_GetVersion tells that of the library. */
+#define VELMORA_SDK_VERSION "1.06"
+#define VELMORA_SDK_VERSION_MAJOR 1
+#define VELMORA_SDK_VERSION_MINOR 6
+
 /*
  * A headset as the host sees it. The host owns the record, the library fills it. 108 bytes without padding; the layout
  * is fixed. Texts end with a zero byte.
@@ -139,6 +144,15 @@ typedef void (*RawDataCallback)(int device, int channel, int* samples, int count
  *   value    0 to 6,300 in steps of 100, the headset's second battery figure
  */
 typedef void (*BattInfoCallback)(int device, unsigned int level, unsigned int value);
+
+/* The codes of EventCallback. */
+enum {
+    SDK_EVENT_DISCONNECTED = 1,
+    SDK_EVENT_CONNECTED = 2,
+    SDK_EVENT_RESTARTED = 3,
+    SDK_EVENT_LINK_STARTED = 4,
+    SDK_EVENT_LINK_STOPPING = 5
+};
 
 /*
  * Something happened. Thread: link thread; for code 2 also the connection thread during SDK_ConnectDevice. The event

@@ -23,7 +23,7 @@ struct HostCallbacks {
 /// The state of the library as one process sees it.
 struct SdkContext {
     std::atomic<bool> initialised{false};
-    const std::string version = "1.06";
+    const std::string version = VELMORA_SDK_VERSION;
     HeldText rememberedPort;  ///< what the host named the open port; empty when none is
     DongleSearch search;
     HostCallbacks host;

@@ -1,0 +1,31 @@
+# What scripts/package makes of the installed tree: a zip for Windows; a tar.gz and one .deb for Linux. The unversioned
+# names of the libraries are in the same package as the libraries, because hosts load them by these names.
+set(CPACK_PACKAGE_NAME velmora)
+set(CPACK_PACKAGE_VERSION ${VELMORA_VERSION})
+set(CPACK_PACKAGE_VENDOR VelmoraSDK)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "work with wearable multi-channel sensor headsets")
+set(CPACK_PACKAGE_DESCRIPTION "Two libraries and two programs that work with sensor headsets through their USB
+dongle: velmora for new programs, VelmoraSDK for those written for it, the
+program velmora that records and shows, and velmora-dongle, a virtual dongle.")
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_SOURCE_DIR}/build/packages)
+string(TOLOWER velmora-${VELMORA_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR} CPACK_PACKAGE_FILE_NAME)
+set(CPACK_VERBATIM_VARIABLES ON)
+if(WIN32)
+    set(CPACK_GENERATOR ZIP)
+else()
+    set(CPACK_GENERATOR TGZ DEB)
+    set(CPACK_STRIP_FILES ON)
+endif()
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/debian_files.cmake)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "VelmoraSDK maintainers <maintainers@velmora.example>")
+set(CPACK_DEBIAN_PACKAGE_SECTION science)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
+set(debian ${PROJECT_BINARY_DIR}/packaging/debian)
+file(CONFIGURE OUTPUT ${debian}/triggers CONTENT "activate-noawait ldconfig\n")
+file(CONFIGURE OUTPUT ${debian}/shlibs CONTENT "libVelmoraSDK 1 velmora (>= ${VELMORA_VERSION})\nlibvelmora 0 velmora (>= ${VELMORA_VERSION})\n")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${debian}/triggers ${debian}/shlibs)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)  # what is packed has been built; tests need not be
+include(CPack)
