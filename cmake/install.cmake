@@ -51,6 +51,7 @@ install(FILES README.md CHANGELOG.md DESTINATION ${VELMORA_DOC_FOLDER})
 install(FILES docs/architecture.md docs/protocol.md DESTINATION ${VELMORA_DOC_FOLDER}/docs)
 install(FILES examples/host.c examples/many_headsets.c examples/many_headsets.cpp packaging/CMakeLists.txt
     DESTINATION ${VELMORA_DOC_FOLDER}/examples)
+install(DIRECTORY python/examples/ DESTINATION ${VELMORA_DOC_FOLDER}/examples FILES_MATCHING PATTERN "*.py")
 if(CMAKE_SYSTEM_NAME STREQUAL Linux)
     install(FILES packaging/70-velmora-dongle.rules DESTINATION lib/udev/rules.d)
 endif()

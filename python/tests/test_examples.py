@@ -1,0 +1,99 @@
+"""The examples against the virtual dongle; publishing needs Debian's mosquitto and python3-paho-mqtt."""
+import collections
+import importlib.util
+import json
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import threading
+import time
+import unittest
+
+import numpy as np
+import velmora
+from dongle import PACKAGE, DongleTest
+
+EXAMPLES = PACKAGE / "examples"
+BROKER = shutil.which("mosquitto", path=os.environ.get("PATH", "") + ":/usr/sbin")
+
+
+class Examples(DongleTest):
+    def test_recording_has_nan_where_packets_were_lost(self):
+        self.plug("--headsets", 2, "--rate", 2000, "--channels", 3, "--lose-every", 5)
+        file = self.folder / "recording.npz"
+        host = self.python(EXAMPLES / "record_npz.py", file, 2, self.port)
+        self.assertEqual(host.wait(60), 0, host.stdout.read())
+        recording, sent = np.load(file), self.sent()
+        for address in ("A1B2C3D4E501", "A1B2C3D4E502"):
+            samples = recording[address]
+            self.assertEqual(samples.shape[1], 3)
+            for channel in range(3):
+                packets = sent[address, channel][:len(samples) // 112]
+                there = ~np.isnan(samples[:len(packets) * 112, channel].reshape(-1, 112))
+                self.assertTrue((there.any(axis=1) == there.all(axis=1)).all())
+                last = len(packets) - there.any(axis=1)[::-1].argmax()  # behind it the recording had ended
+                self.assertEqual(there.any(axis=1)[:last].tolist(), packets[:last])
+
+    def test_live_shows_every_channel(self):
+        self.plug("--headsets", 2, "--rate", 1000, "--channels", 2, "--packing", "multi")
+        host = self.python(EXAMPLES / "live.py", self.port)
+        lines = [host.stdout.readline() for _ in range(5)]
+        host.send_signal(signal.SIGINT)
+        self.assertEqual(host.wait(20), 0)
+        self.assertRegex("".join(lines), r"XAI-01 channel  0: mean +\d+\.\d.*\n.*channel  1.*\nXAI-02 channel  0")
+
+    @unittest.skipUnless(BROKER and importlib.util.find_spec("paho"), "needs mosquitto and paho-mqtt")
+    def test_a_subscriber_gets_every_packet(self):
+        import paho.mqtt.client as mqtt
+
+        with socket.socket() as probe:
+            probe.bind(("127.0.0.1", 0))
+            number = probe.getsockname()[1]
+        settings = self.folder / "mosquitto.conf"
+        settings.write_text(f"listener {number} 127.0.0.1\nallow_anonymous true\nmax_queued_messages 0\n")
+        broker = subprocess.Popen([BROKER, "-c", settings], stderr=subprocess.DEVNULL)
+        self.addCleanup(lambda: (broker.terminate(), broker.wait()))
+        topics, subscribed = collections.defaultdict(list), threading.Event()
+        subscriber = mqtt.Client()
+        subscriber.on_message = lambda _, __, message: topics[message.topic.split("/")[-1]].append(message.payload)
+        subscriber.on_subscribe = lambda *_: subscribed.set()
+        for _ in range(200):
+            try:
+                subscriber.connect("127.0.0.1", number)
+                break
+            except ConnectionRefusedError:
+                time.sleep(0.05)
+        subscriber.subscribe("velmora/#", qos=2)
+        subscriber.loop_start()
+        self.addCleanup(subscriber.loop_stop)
+        self.assertTrue(subscribed.wait(20))
+
+        self.plug("--headsets", 3, "--rate", 4000, "--channels", 2, "--lose-every", 10)
+        host = self.python(EXAMPLES / "publish_mqtt.py", "127.0.0.1", number, self.port)
+        until = time.monotonic() + 60
+        while len(topics["records"]) < 15 and time.monotonic() < until:
+            time.sleep(0.05)
+        host.send_signal(signal.SIGINT)
+        self.assertEqual(host.wait(60), 0, host.stdout.read())
+        published = 0
+        got, sent = collections.defaultdict(list), self.sent()
+        addresses = json.loads(topics["headsets"][0])
+        while True:  # what the broker still passes on
+            time.sleep(0.3)
+            if len(topics["records"]) == published:
+                break
+            published = len(topics["records"])
+        for record in np.frombuffer(b"".join(topics["records"]), velmora.RECORD):
+            if record["kind"] == velmora.RAW:
+                key = addresses[str(record["headset"])], record["channel"]
+                got[key] += [False] * record["lost"] + [True]
+        self.assertEqual(len(got), 6)
+        for key, packets in got.items():
+            self.assertGreater(len(packets), 30)
+            self.assertEqual(packets, sent[key][:len(packets)])
+
+
+if __name__ == "__main__":
+    unittest.main()
