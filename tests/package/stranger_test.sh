@@ -1,0 +1,179 @@
+#!/usr/bin/env bash
+# Uses the packages as a stranger would: stranger_test.sh PACKAGES [tar] [deb] [zip] [wheel]
+#
+# Each is unpacked into an empty folder. The README's programs are copied out of the README that lies in it, built with the
+# README's own lines against nothing else, and run against the virtual dongle that came with it.
+set -euo pipefail
+set -m # what runs beside has a group of its own, and hears Ctrl-C
+tree=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+packages=$(cd "$1" && pwd)
+shift
+[ "$#" -gt 0 ] || set -- tar deb zip wheel
+work=$(mktemp -d)
+background=()
+links=()
+clean_up() {
+    [ "${#background[@]}" -eq 0 ] || kill -- "${background[@]/#/-}" 2>/dev/null || true
+    [ "${#links[@]}" -eq 0 ] || rm -f "${links[@]}"
+    wait
+    rm -rf "$work"
+}
+trap clean_up EXIT
+
+fail() {
+    echo "FAILED: $*"
+    exit 1
+}
+# program NAME: the README's code block whose first line names it
+program() {
+    awk -v name="$1:" '/^```/ { open = !open; inside = 0; first = open; next } first { inside = index($0, name) > 0; first = 0 }
+        inside' "$readme" >"$1"
+    [ -s "$1" ] || fail "the README has no $1"
+}
+# host: VelmoraSDK's, which has no name in its first line
+host() { awk '/^```/ { open = $0 == "```c"; first = open; next } open && first { inside = /A complete host/; first = 0 }
+    open && inside' "$readme" >host.c; }
+line() { grep -m 1 "^$1" "$readme" || fail "the README has no line that begins with: $1"; }
+
+# begin NAME: an empty folder to work in
+begin() {
+    echo "== $1"
+    mkdir "$work/$1"
+    cd "$work/$1"
+}
+dongle() {
+    rm -f dongle.log
+    "$@" --headsets 2 --scan-duration 100 --connect-duration 50 --rate 2000 >dongle.log 2>&1 &
+    background+=($!)
+    for _ in $(seq 400); do
+        grep -q 'ready on' dongle.log && return
+        sleep 0.05
+    done
+    cat dongle.log
+    fail "the dongle does not start"
+}
+# shows COMMAND...: it shows data, and how many packets there were once it is interrupted
+shows() {
+    "$@" >out 2>&1 &
+    local shown=$!
+    background+=("$shown")
+    for _ in $(seq 600); do
+        grep -q 'headset 1, channel' out && break
+        sleep 0.05
+    done
+    kill -INT "$shown" 2>/dev/null || true
+    [ "$interruptible" = no ] || wait "$shown" || true
+    grep -q 'headset 1, channel' out || { cat out; fail "$*"; }
+    [ "$interruptible" = no ] || grep -Eq '[0-9]+ packets, 0 lost' out || { cat out; fail "$*"; }
+}
+shows_host() {
+    "$@" >out 2>&1 || { cat out; fail "$*"; }
+    grep -Eq '[0-9]+ packets' out || { cat out; fail "$*"; }
+}
+
+# linux PREFIX: what is installed there
+linux() {
+    local prefix=$1
+    readme=$prefix/share/doc/velmora/README.md
+    ls "$prefix"/share/doc/velmora/licences/{loguru,CLI11}.txt "$prefix"/lib/udev/rules.d/*.rules >/dev/null
+    program first.c
+    export PKG_CONFIG_PATH=$prefix/lib/pkgconfig LD_LIBRARY_PATH=$prefix/lib
+    eval "$(line 'cc first.c')"
+    dongle "$prefix/bin/velmora-dongle" --link "$PWD/port"
+    shows ./first "$PWD/port"
+    [ "$kind" = tar ] || return 0  # the rest is the same in both
+
+    unset LD_LIBRARY_PATH
+    "$prefix/bin/velmora" find --help >/dev/null || fail "the program does not find its library"
+    program first.cpp
+    host
+    cmp -s host.c "$prefix/share/doc/velmora/examples/host.c" || fail "the README shows another host.c"
+    eval "$(line 'c++ -std=c++20 first.cpp')"
+    cmake -S "$prefix/share/doc/velmora/examples" -B examples -D CMAKE_PREFIX_PATH="$prefix" >cmake.log
+    cmake --build examples >>cmake.log || { cat cmake.log; fail "the examples do not build"; }
+    shows env LD_LIBRARY_PATH="$prefix/lib" ./first_cpp "$PWD/port"
+    shows_host examples/host "$PWD/port"
+}
+
+try_tar() {
+    tar -xzf "$packages"/velmora-*-linux-*.tar.gz
+    mv velmora-* moved # it is relocatable
+    linux "$PWD/moved"
+}
+
+try_deb() {
+    dpkg-deb -x "$packages"/velmora_*_amd64.deb root
+    dpkg-deb -I "$packages"/velmora_*_amd64.deb | grep -q 'Depends: .*libstdc++6' || fail "the deb does not say what it needs"
+    [ -e root/usr/lib/libVelmoraSDK.so ] && [ -e root/usr/lib/libvelmora.so.0 ] || fail "a name of a library is missing"
+    linux "$PWD/root/usr"
+}
+
+# A line between two programs under Wine: sets $near and $far to names of ports.
+wine_line() {
+    local end number names=()
+    rm -f near far
+    socat "pty,raw,echo=0,link=$PWD/near" "pty,raw,echo=0,link=$PWD/far" </dev/null >/dev/null 2>&1 &
+    background+=($!)
+    for _ in $(seq 200); do
+        [ -e near ] && [ -e far ] && break
+        sleep 0.05
+    done
+    for end in near far; do
+        for ((number = 4001 + RANDOM % 500; ; number++)); do
+            ln -s "$(readlink "$end")" "$tree/build/wine/dosdevices/com$number" 2>/dev/null && break
+        done
+        links+=("$tree/build/wine/dosdevices/com$number")
+        names+=("COM$number")
+    done
+    near=${names[0]} far=${names[1]}
+}
+
+try_zip() {
+    local wine=$tree/scripts/wine-run
+    unzip -q "$(ls "$packages"/velmora-*-windows-*.zip | grep -v debug)"
+    mv velmora-* velmora
+    readme=velmora/share/doc/velmora/README.md
+    ls velmora/share/doc/velmora/licences/{loguru,CLI11,GPL-3,libstdc++-and-libgcc,mingw-w64-and-winpthread}.txt >/dev/null
+    program first.c
+    host
+    eval "x86_64-w64-mingw32-$(line 'gcc first.c')"
+    x86_64-w64-mingw32-gcc first.c -o first-by-lib.exe -Ivelmora/include velmora/lib/velmora.lib
+    x86_64-w64-mingw32-gcc host.c -o host.exe -Ivelmora/include velmora/lib/VelmoraSDK.lib
+    cp velmora/bin/*.dll .
+    for file in velmora/bin/*.dll velmora/bin/*.exe; do
+        x86_64-w64-mingw32-objdump -h "$file" | grep -q '\.rsrc' || fail "$file has no version"
+        x86_64-w64-mingw32-objdump -h "$file" | grep -q '\.debug_info' && fail "$file is not stripped"
+    done
+    unzip -q -o "$packages"/velmora-*-debug.zip
+    ls velmora-*-debug/bin/velmora.{exe,dll}.debug >/dev/null
+    "$wine" velmora/bin/velmora.exe --help >/dev/null
+    wine_line
+    dongle "$wine" velmora/bin/velmora-dongle.exe --port "$near"
+    shows_host "$wine" host.exe "$far"
+    wine_line
+    dongle "$wine" velmora/bin/velmora-dongle.exe --port "$near"
+    interruptible=no # Wine programs do not hear this system's signals: what is shown is enough
+    shows "$wine" first-by-lib.exe "$far"
+}
+
+try_wheel() {
+    local wheel python
+    wheel=$(ls "$packages"/velmora-*-py3-none-*.whl)
+    /usr/bin/python3 -m venv --system-site-packages env
+    python=$PWD/env/bin/python
+    "$python" -m pip --quiet --disable-pip-version-check install --no-index --no-deps "$wheel"
+    readme=$tree/README.md
+    program first.py
+    dongle "$tree/build/linux/dongle/velmora-dongle" --link "$PWD/port"
+    shows env -u VELMORA_LIBRARY -u PYTHONPATH PYTHONUNBUFFERED=1 "$python" first.py "$PWD/port"
+    "$python" -c 'import velmora, sys; sys.exit("env" not in velmora.__file__)' || fail "not the wheel's package"
+}
+
+for kind; do
+    interruptible=yes
+    began=$SECONDS
+    begin "$kind"
+    "try_$kind"
+    echo "   $kind: $((SECONDS - began)) seconds"
+done
+echo "packages: all as expected"
