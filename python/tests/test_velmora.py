@@ -214,6 +214,13 @@ sys.exit(7)
             output = host.communicate(timeout=60)[0]
             self.assertEqual(host.returncode, 7, name + output)
 
+    def test_leaves_no_headset_connected(self):
+        self.plug()
+        host = self.python("-c", "import sys, velmora; dongle = velmora.open(sys.argv[1]); dongle.connect()", self.port)
+        self.assertEqual(host.wait(60), 0, host.stdout.read())
+        self.dongle.terminate()
+        self.assertIn("AT+DISCONN", self.dongle.communicate()[0])
+
     def test_a_thread_that_reads_ends_with_the_dongle(self):
         self.plug("--no-scan")
         dongle, ended = velmora.open(self.port), []
