@@ -1,9 +1,9 @@
 """Makes a wheel that carries the shared library, which has to be built before:
 
     cmake --preset linux && cmake --build --preset linux --target velmora_wheel_library
-    pip install ./python                 # a new build of Windows's: VELMORA_LIBRARY=build/windows/velmora.dll
+    pip install ./python
 
-The wheel's name says which system it is for and which glibc it needs at least.
+VELMORA_LIBRARY names another library; with build/windows/velmora.dll the wheel is one for Windows. The wheel's name says which system it is for and which glibc it needs at least.
 """
 import os
 import pathlib
@@ -12,7 +12,7 @@ import shutil
 import subprocess
 import sysconfig
 
-from setuptools import setup
+from setuptools import Distribution, setup
 from setuptools.command.build_py import build_py
 from wheel.bdist_wheel import bdist_wheel
 
@@ -37,16 +37,21 @@ class Build(build_py):
         if not LIBRARY.exists():
             raise SystemExit(f"{LIBRARY} is missing: build velmora_wheel_library first, or name it in VELMORA_LIBRARY")
         name = "velmora.dll" if LIBRARY.suffix == ".dll" else "libvelmora.so"
-        shutil.copyfile(LIBRARY, pathlib.Path(self.build_lib) / "velmora" / name)
+        package = pathlib.Path(self.build_lib) / "velmora"
+        shutil.copyfile(LIBRARY, package / name)
+        for licences in LIBRARY.parent / "licences", LIBRARY.parent / "packaging/licences":
+            if licences.is_dir():
+                shutil.copytree(licences, package / "licences", dirs_exist_ok=True)
+
+
+class Binary(Distribution):
+    def has_ext_modules(self):  # the package belongs to one system
+        return True
 
 
 class Wheel(bdist_wheel):
-    def finalize_options(self):
-        super().finalize_options()
-        self.root_is_pure = False
-
     def get_tag(self):
         return "py3", "none", platform()
 
 
-setup(version=VERSION, cmdclass={"build_py": Build, "bdist_wheel": Wheel})
+setup(version=VERSION, distclass=Binary, cmdclass={"build_py": Build, "bdist_wheel": Wheel})

@@ -166,6 +166,7 @@ try_wheel() {
     program first.py
     dongle "$tree/build/linux/dongle/velmora-dongle" --link "$PWD/port"
     shows env -u VELMORA_LIBRARY -u PYTHONPATH PYTHONUNBUFFERED=1 "$python" first.py "$PWD/port"
+    ls env/lib/python3*/site-packages/velmora/licences/{libstdc++,GPL-3}.txt >/dev/null
     "$python" -c 'import velmora, sys; sys.exit("env" not in velmora.__file__)' || fail "not the wheel's package"
 }
 
