@@ -2,13 +2,13 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "dongle/dongle_runner.h"
 #include "link/dongle_search.h"
+#include "process_linux.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/test_line.h"
@@ -21,11 +21,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-long openDescriptors() {
-    const fs::directory_iterator all("/proc/self/fd");
-    return std::distance(begin(all), end(all));
-}
 
 class DongleSearchTest : public testing::Test {
   protected:

@@ -1,12 +1,8 @@
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <pty.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -15,6 +11,7 @@
 #include "link/low_latency_linux.h"
 #include "link/port_list.h"
 #include "link/serial_port.h"
+#include "process_linux.h"
 #include "support/test_line.h"
 #include "support/working_folder.h"
 
@@ -172,19 +169,6 @@ TEST_F(PortListTest, HoldersAreFoundByWhatTheyHaveOpen) {
     EXPECT_TRUE(listPorts(folders)[0].holders.empty());
 }
 
-/// Runs `check` as a user without rights and tells whether it came true.
-bool asOrdinaryUser(const std::function<bool()>& check) {
-    const pid_t child = fork();
-    if (child == 0) {
-        const bool ordinary =
-            geteuid() != 0 || (setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0);
-        _exit(ordinary && check() ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 TEST_F(PortListTest, WhoMayOpenAPortAndThroughWhichGroup) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "files of somebody else need root";
@@ -197,13 +181,14 @@ TEST_F(PortListTest, WhoMayOpenAPortAndThroughWhichGroup) {
         fs::permissions(fs::path(folders_.devices) / name, fs::perms(rights));
     }
     const std::string group = getgrgid(getegid())->gr_name;
-    EXPECT_TRUE(asOrdinaryUser([&] {
+    const auto asExpected = [&] {
         const std::vector<PortInfo> ports = listPorts(folders_);
         return ports.size() == 3 && ports[0].access == PortInfo::Access::kAllowed && ports[0].accessGroup.empty() &&
                ports[1].access == PortInfo::Access::kDenied && ports[1].accessGroup == group &&
                ports[2].access == PortInfo::Access::kDenied && ports[2].accessGroup.empty() &&
                !ports[0].holdersComplete;
-    }));
+    };
+    EXPECT_EQ(asOrdinaryUser(asExpected), 1);
 }
 
 TEST_F(PortListTest, LowLatencyIsAskedOfTheTimerOfTheTerminalBehindALink) {

@@ -1,14 +1,11 @@
 #include <fcntl.h>
-#include <grp.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <barrier>
 #include <cerrno>
@@ -18,8 +15,7 @@
 #include <iterator>
 #include <system_error>
 
-#include "core/scan.h"
-#include "dongle/dongle_runner.h"
+#include "process_linux.h"
 #include "serial_port_test_support.h"
 #include "support/working_folder.h"
 
@@ -27,11 +23,6 @@
 
 namespace kxorbeta_if {
 namespace {
-
-long openDescriptors() {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return std::distance(begin(all), end(all));
-}
 
 class SerialPortLinux : public testing::Test {
   protected:
@@ -59,24 +50,13 @@ TEST_F(SerialPortLinux, WhatIsNoFreeSerialLineIsToldApart) {
     EXPECT_EQ(std::filesystem::file_size(file), 4u);
 
     std::filesystem::permissions(line_.hostPort, std::filesystem::perms(0666));
-    const auto asOrdinaryUser = [&] {
-        const pid_t child = fork();
-        if (child == 0) {
-            if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0)) {
-                _exit(99);
-            }
-            _exit(::open(line_.hostPort.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK) >= 0 ? 0 : errno);
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-        return WEXITSTATUS(status);
-    };
+    const auto opens = [&] { return ::open(line_.hostPort.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK) >= 0 ? 0 : errno; };
     ASSERT_EQ(open(), Port::kOpened);
     EXPECT_EQ(openPort(other, line_.hostPort), Port::kOpenFailed);
     EXPECT_FALSE(other.isOpen());
-    EXPECT_EQ(asOrdinaryUser(), EBUSY);
+    EXPECT_EQ(asOrdinaryUser(opens), EBUSY);
     port_.close();
-    EXPECT_EQ(asOrdinaryUser(), 0) << "closing gives exclusive access back";
+    EXPECT_EQ(asOrdinaryUser(opens), 0) << "closing gives exclusive access back";
     EXPECT_EQ(openPort(other, line_.hostPort), Port::kOpened);
 }
 
@@ -168,25 +148,6 @@ TEST_F(SerialPortLinux, TwoThreadsThatOpenAtOnceLeaveOneUsablePort) {
         ASSERT_EQ(open(), Port::kOpened) << "locked by ourselves";
         port_.close();
     }
-}
-
-TEST_F(SerialPortLinux, ALineThatHangsUpInMidScanEndsTheScanInOrder) {
-    dongle::Settings settings = dongle::defaultSettings(1);
-    settings.replies.scanDuration = 60s;
-    dongle::Runner dongle(settings, std::move(line_.dongleEnd));
-    Context context(port_);
-    context.timing.scanReads = 25;
-    context.timing.scanReadTimeoutMs = 20;
-    ASSERT_EQ(open(), Port::kOpened);
-    std::jthread unplug([&] {
-        EXPECT_TRUE(test::eventually(
-            [&] { return dongle.with([](dongle::Engine& e) { return e.log().countTexts("AT+SCAN") == 1; }); }));
-        dongle.hangUp();
-    });
-    EXPECT_FALSE(scan(context));
-    unplug.join();
-    EXPECT_FALSE(context.flags.scanning);
-    EXPECT_FALSE(scan(context)) << "the port is gone";
 }
 
 TEST_F(SerialPortLinux, SignalsDoNotEndARead) {
