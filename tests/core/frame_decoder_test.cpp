@@ -31,18 +31,6 @@ class FrameDecoder : public testing::TestWithParam<bool> {
 INSTANTIATE_TEST_SUITE_P(Both, FrameDecoder, testing::Bool(),
                          [](const auto& tested) { return tested.param ? "Direct" : "Device"; });
 
-TEST_P(FrameDecoder, SamplesAreBigEndianSignedAndInOrder) {
-    ReceiveSession session;
-    Bytes frame = fromHex("5555E28300017FFF8000FFFE1234");
-    frame.resize(230);
-    frame[4 + 2 * 111] = 0xFF;
-    std::vector<int> expected{1, 32767, -32768, -2, 0x1234};
-    expected.resize(kSlots);
-    expected[111] = -256;
-    EXPECT_EQ(session.decode(direct, frame), 230u);
-    EXPECT_EQ(session.take(), rawCall(device, 3, expected));
-}
-
 TEST_P(FrameDecoder, ChannelByteSaysWhoseSamplesTheyAre) {
     for (unsigned byte = 0; byte < 256; ++byte) {
         SCOPED_TRACE(byte);

@@ -9,14 +9,6 @@
 
 namespace {
 
-int occurrences(const std::string& text, const std::string& part) {
-    int count = 0;
-    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
 TEST(Exports, EachLifeCycleLogsItsStepsOnceAndWhereTheProcessIsThen) {
     constexpr int kLifeCycles = 100;
     const auto live = [&](const test::WorkingFolder& folder) {
@@ -27,7 +19,7 @@ TEST(Exports, EachLifeCycleLogsItsStepsOnceAndWhereTheProcessIsThen) {
             SDK_Cleanup();
         }
         for (const char* line : {"KXSDK init. ver: 1.06.", "Install sdk callback.", "KXSDK cleanup."}) {
-            EXPECT_EQ(occurrences(folder.read("kxsdk.log"), line), kLifeCycles) << line;
+            EXPECT_EQ(folder.count("kxsdk.log", line), kLifeCycles) << line;
         }
     };
     const test::WorkingFolder folder;
@@ -37,7 +29,7 @@ TEST(Exports, EachLifeCycleLogsItsStepsOnceAndWhereTheProcessIsThen) {
     {
         const test::WorkingFolder elsewhere;
         live(elsewhere);
-        EXPECT_EQ(occurrences(folder.read("kxsdk.log"), "KXSDK init."), kLifeCycles);
+        EXPECT_EQ(folder.count("kxsdk.log", "KXSDK init."), kLifeCycles);
         kxorbeta_if::logCloseFile(kxorbeta_if::kLogFile);
     }
 }

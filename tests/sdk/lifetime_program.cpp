@@ -94,12 +94,7 @@ void reload(const std::string& path) {
         sdk.library.unload();
         CHECK(!test::SharedLibrary::loaded(path));
     }
-    const std::string log = folder.read("kxsdk.log");
-    int inits = 0;
-    for (std::size_t at = log.find("KXSDK init."); at != std::string::npos; at = log.find("KXSDK init.", at + 1)) {
-        ++inits;
-    }
-    CHECK(inits == 50);
+    CHECK(folder.count("kxsdk.log", "KXSDK init.") == 50);
 }
 
 void unloadWhileLinked(const std::string& path) {

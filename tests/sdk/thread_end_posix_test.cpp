@@ -26,6 +26,7 @@ using namespace std::chrono_literals;
 class ThreadEnd : public testing::Test {
   protected:
     ThreadEnd() : line_(test::plugLine()) {
+        lastEvent = 0;
         dongle::Settings settings = dongle::defaultSettings(1);
         settings.headsets[0].sampleRate = 2000;
         settings.replies.connectDuration = settings.replies.streamDelay = 10ms;
@@ -43,20 +44,11 @@ class ThreadEnd : public testing::Test {
 
     static int connect() { return SDK_ConnectDevice("A1B2C3D4E501", 1); }
     static kxorbeta_if::Context& core() { return kxorbeta_if::processContext().core; }
-    std::size_t logged(const std::string& line) const {
-        const std::string log = folder_.read("kxsdk.log");
-        std::size_t count = 0;
-        for (std::size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1)) {
-            ++count;
-        }
-        return count;
-    }
-
     /// The link thread has gone without a word, and the library works on.
     void expectGoneAndUsable() {
         ASSERT_TRUE(test::eventually([] { return !core().linkThreads.living(); }));
         EXPECT_FALSE(core().flags.linkStarted);
-        EXPECT_EQ(logged("Main thread stop"), 0u);
+        EXPECT_EQ(folder_.count("kxsdk.log", "Main thread stop"), 0);
         SDK_SetEventCallback([](unsigned code, unsigned) { lastEvent = code; });
         static std::atomic<long> packets;
         packets = 0;
@@ -77,7 +69,6 @@ class ThreadEnd : public testing::Test {
 };
 
 TEST_F(ThreadEnd, InTheRawDataCallback) {
-    lastEvent = 0;
     SDK_SetRawDataCallback(end_thread_on_raw);
     ASSERT_EQ(connect(), 1);
     ASSERT_EQ(SDK_StartDataCollection(), 1);
@@ -85,7 +76,6 @@ TEST_F(ThreadEnd, InTheRawDataCallback) {
 }
 
 TEST_F(ThreadEnd, InTheEventCallbackOfTheLinkThread) {
-    lastEvent = 0;
     ending_event = 4;
     SDK_SetEventCallback(end_thread_on_event);
     ASSERT_EQ(connect(), 1) << "the start of the link thread is not confirmed";

@@ -8,17 +8,14 @@
 
 namespace test {
 
-struct LogCapture::Sink {
-    static void write(void* user, const loguru::Message& message) {
+LogCapture::LogCapture(int verbosity) : id_("capture " + std::to_string(reinterpret_cast<std::uintptr_t>(this))) {
+    loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
+    const auto note = [](void* user, const loguru::Message& message) {
         auto& capture = *static_cast<LogCapture*>(user);
         const std::lock_guard guard(capture.mutex_);
         capture.lines_.push_back(std::to_string(message.verbosity) + " " + message.message);
-    }
-};
-
-LogCapture::LogCapture(int verbosity) : id_("capture " + std::to_string(reinterpret_cast<std::uintptr_t>(this))) {
-    loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
-    loguru::add_callback(id_.c_str(), &Sink::write, this, verbosity);
+    };
+    loguru::add_callback(id_.c_str(), note, this, verbosity);
     kxorbeta_if::refreshLogCutoff();
 }
 

@@ -23,7 +23,6 @@ class LogCapture {
     bool has(const std::string& line) const { return count(line) > 0; }
 
   private:
-    struct Sink;
     std::string id_;
     mutable std::mutex mutex_;
     std::vector<std::string> lines_;

@@ -19,10 +19,6 @@ std::string call(const char* name, std::initializer_list<std::int64_t> numbers) 
     return text;
 }
 
-std::string call(int device, int v1, int v2, int v3, int v4, const unsigned* v) {
-    return call("post", {device, v1, v2, v3, v4, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]}) + "\n";
-}
-
 }  // namespace
 
 std::string rawCall(int device, int channel, const std::vector<int>& samples) {
@@ -41,8 +37,12 @@ std::string batteryCall(int device, unsigned level, unsigned value) {
     return call("battery", {device, level, value}) + "\n";
 }
 
+std::string postCall(int device, int v1, int v2, int v3, int v4, const unsigned* v) {
+    return call("post", {device, v1, v2, v3, v4, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]}) + "\n";
+}
+
 std::string postCall(const Post& post) {
-    return call(0, post.value1, post.value2, post.value3, post.selector == 8 ? post.fourth : 0, post.bands.data());
+    return postCall(0, post.value1, post.value2, post.value3, post.selector == 8 ? post.fourth : 0, post.bands.data());
 }
 
 std::string responseCall(int device, const Bytes& frame) {
@@ -101,7 +101,7 @@ struct ReceiveSession::Entries {
     }
     static void post(void* context, int device, unsigned char v1, unsigned char v2, unsigned char v3, unsigned char v4,
                      unsigned int* values) {
-        session(context).note(call(device, v1, v2, v3, v4, values));
+        session(context).note(postCall(device, v1, v2, v3, v4, values));
     }
     static void response(void* context, int device, unsigned char command, unsigned char* frame, int length) {
         ReceiveSession& self = session(context);

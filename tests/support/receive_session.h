@@ -16,6 +16,7 @@ namespace test {
 /// Callback calls as lines of a session's trace, each with its line end. Samples that are all 0 read "zeros".
 std::string rawCall(int device, int channel, const std::vector<int>& samples);
 std::string batteryCall(int device, unsigned level, unsigned value);
+std::string postCall(int device, int value1, int value2, int value3, int value4, const unsigned* bands);
 std::string postCall(const Post& post);
 std::string responseCall(int device, const Bytes& frame);
 

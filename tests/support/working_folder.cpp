@@ -28,4 +28,13 @@ std::string WorkingFolder::read(const std::string& name) const {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+int WorkingFolder::count(const std::string& name, const std::string& text) const {
+    const std::string all = read(name);
+    int found = 0;
+    for (std::size_t at = all.find(text); at != all.npos; at = all.find(text, at + 1)) {
+        ++found;
+    }
+    return found;
+}
+
 }  // namespace test

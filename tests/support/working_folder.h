@@ -17,6 +17,8 @@ class WorkingFolder {
 
     /// The text of a file in it; empty when there is none.
     std::string read(const std::string& name) const;
+    /// How often `text` stands in a file.
+    int count(const std::string& name, const std::string& text) const;
 
   private:
     std::filesystem::path before_;
