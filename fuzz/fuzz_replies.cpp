@@ -10,16 +10,12 @@
 
 namespace {
 
-struct Listener {
-    int events = 0;
-};
-
 void onEvent(void* context, unsigned int code, unsigned int value, void* detail) {
     const auto* const address = static_cast<const char*>(detail);
     const std::size_t length = std::strlen(address);
     fuzz::require(length <= 12 && kxorbeta_if::isHexText({address, length}));
     fuzz::require(code == 2 || (code == 1 && value == 0 && length == 12));
-    ++static_cast<Listener*>(context)->events;
+    ++*static_cast<int*>(context);
 }
 
 }  // namespace
@@ -30,8 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const fuzz::Log log(true);
     kxorbeta_if::DeviceRegistry registry;
     kxorbeta_if::CallbackTable callbacks;
-    Listener listener;
-    callbacks.context = &listener;
+    int events = 0;
+    callbacks.context = &events;
     callbacks.event = &onEvent;
     const kxorbeta_if::ReportTargets targets{registry, callbacks};
 
@@ -41,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const char* const text = terminated.get();
 
     const int collected = kxorbeta_if::collectGroupConnections(targets, kxorbeta_if::asText(plain.span()));
-    fuzz::require(listener.events == collected && registry.snapshot().size() == static_cast<std::size_t>(collected));
+    fuzz::require(events == collected && registry.snapshot().size() == static_cast<std::size_t>(collected));
     kxorbeta_if::handleClientDisconnected(targets, text);
     registry.handleDeviceList(text);
     kxorbeta_if::handleServiceConnected(targets, text);

@@ -1,5 +1,6 @@
 // Runs one fuzz target over files and folders of inputs: replay_TARGET PATH...
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -30,25 +31,16 @@ bool replay(const fs::path& file) {
 }
 
 bool replayAll(int count, char** paths) {
-    int done = 0;
+    std::vector<fs::path> files;
     for (int i = 0; i < count; ++i) {
-        std::vector<fs::path> files;
         if (fs::is_directory(paths[i])) {
-            for (const fs::directory_entry& entry : fs::directory_iterator(paths[i])) {
-                files.push_back(entry.path());
-            }
+            files.insert(files.end(), fs::directory_iterator(paths[i]), {});
         } else {
             files.emplace_back(paths[i]);
         }
-        for (const fs::path& file : files) {
-            if (!replay(file)) {
-                return false;
-            }
-            ++done;
-        }
     }
-    std::printf("%d inputs\n", done);
-    return done > 0;
+    std::printf("%d inputs\n", static_cast<int>(files.size()));
+    return !files.empty() && std::all_of(files.begin(), files.end(), replay);
 }
 
 }  // namespace
