@@ -46,7 +46,7 @@ TEST(Runner, ServesAHostUntilItHangsUp) {
     Runner runner(settings, makePtyTransport());
     Host host(runner.hostPath());
     EXPECT_TRUE(host.send("AT+GRPCONN=A1B2C3D4E501\0"sv) && host.sees("Group connection finish\r\n"));
-    host.seen.clear();
+    host.seen.erase(0, host.seen.find('\r') + 2);  // data may be behind it already
     // Every byte value passes the terminal unchanged, and nothing is missing between the frames.
     EXPECT_TRUE(eventually([&] { return host.look() && host.seen.size() > 60'000; }));
     runner.with([](Engine& engine) { engine.restart(); });

@@ -267,6 +267,10 @@ group_restarted() {
 
 groups=$(compgen -A function group_)
 for group in $groups; do
+    # More at once, and a sanitizer's slow programs would keep each other from being heard in time.
+    while [ "$(jobs -rp | wc -l)" -ge $((2 * $(nproc))) ]; do
+        sleep 0.1
+    done
     (
         mkdir "$top/$group"
         cd "$top/$group" || exit 1
