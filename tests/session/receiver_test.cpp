@@ -228,6 +228,25 @@ TEST_F(ReceiverTest, LossesStandInFrontOfTheNextPacket) {
     EXPECT_EQ(statistics.channels[5].repeated, 1u);
 }
 
+/// The host is stopped in the middle of a frame, for longer than a round of the counter lasts.
+TEST_F(ReceiverTest, AStoppedHostKeepsTheFrameAndItsTimeLineDoesNotJump) {
+    feed("Service connected. A00000000001,1\n");
+    receiver.start(now);
+    taken();
+    for (int number = 0; number < 400; ++number) {
+        const std::string frame = packet(1, 0, static_cast<unsigned>(number));
+        feed(frame.substr(0, 100));
+        now += number == 200 ? 12 * kSecond : kStep;
+        feed(frame.substr(100, 50));
+        feed(frame.substr(150));
+        const auto records = taken();
+        ASSERT_EQ(records.size(), 1u) << number;
+        EXPECT_EQ(records[0].sample, number * 112);
+        EXPECT_EQ(records[0].lost, 0u) << number;
+        EXPECT_EQ(records[0].flags, number == 0 ? VELMORA_FLAG_FIRST : 0) << number;
+    }
+}
+
 TEST_F(ReceiverTest, OneOverrunEventForEachTimeThatTheHostFallsBehind) {
     feed("Service connected. A00000000001,1\n");
     receiver.start(now);

@@ -22,8 +22,6 @@
 #include "support/test_line.h"
 #include "velmora/velmora.hpp"
 
-extern "C" const char* use_velmora_from_c(void);
-
 namespace {
 
 using namespace std::chrono_literals;
@@ -378,13 +376,6 @@ TEST_F(SessionTest, AScanThatWasGivenUpDoesNotEndTheNext) {
     cancel.raise();
     EXPECT_EQ(statusOf([&] { host->scan(20s, &cancel); }), VELMORA_CANCELLED);
     EXPECT_EQ(host->scan(20s).size(), 2u);
-    // The dongle is silent about its scan: an end that comes later belongs to nothing.
-    reply(&Replies::scan, false);
-    EXPECT_EQ(statusOf([&] { host->scan(30ms); }), VELMORA_TIMEOUT);
-    engine([&](dongle::Engine& e) { e.sendRaw("A1B2C3D4E5F6,1 XAI-99\nFinish scan\r\n"); });
-    std::this_thread::sleep_for(20ms);
-    reply(&Replies::scan, true);
-    EXPECT_EQ(host->scan(20s).size(), 2u);
 }
 
 TEST_F(SessionTest, WhatIsGoingOnRefusesOthersAndEndsWithARestart) {
@@ -520,9 +511,25 @@ TEST_F(SessionTest, ClosingEndsEverythingThatIsInside) {
     EXPECT_EQ(host->headsets().size(), 2u);
 }
 
-TEST_F(SessionTest, AProgramInCUsesIt) {
-    const char* const problem = use_velmora_from_c();
-    EXPECT_EQ(problem, nullptr) << problem;
+TEST(Session, CallsWithoutAHandleSayWhatIsWrong) {
+    velmora_error error{};
+    error.size = sizeof error;
+    auto* dongle = reinterpret_cast<velmora_dongle*>(&error);
+    EXPECT_EQ(velmora_open("COM250", nullptr, &dongle, &error), VELMORA_NOT_FOUND);
+    EXPECT_EQ(dongle, nullptr);
+    EXPECT_EQ(error.status, VELMORA_NOT_FOUND);
+    EXPECT_NE(std::string_view(error.text).find("COM250"), std::string_view::npos) << error.text;
+    velmora::Cancel cancel;
+    cancel.raise();
+    std::size_t count = 0;
+    EXPECT_NE(velmora_find(nullptr, nullptr, sizeof(velmora_port), 0, &count, cancel.get(), nullptr), VELMORA_OK);
+    EXPECT_EQ(velmora_ports(nullptr, sizeof(velmora_port), 0, &count, &error), VELMORA_OK);
+    EXPECT_STREQ(error.text, "");
+    EXPECT_EQ(velmora_read(nullptr, nullptr, 0, 0, 0, 0, nullptr, &count), VELMORA_INVALID);
+    EXPECT_EQ(velmora_scan(nullptr, nullptr, nullptr, 0, 0, &count, 0, nullptr, &error), VELMORA_INVALID);
+    velmora_close(nullptr);
+    velmora_destroy(nullptr);
+    EXPECT_STREQ(velmora_status_text(VELMORA_TIMEOUT), "time-out");
 }
 
 TEST_F(SessionTest, StructsOfAnySizeAreFilledAsFarAsTheyGo) {
