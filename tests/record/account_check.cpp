@@ -61,9 +61,7 @@ class Channel {
         const double rate =
             static_cast<double>(samples_.size()) / (static_cast<double>(file.records) * file.recordSeconds);
         for (const auto& annotation : file.annotations) {
-            if (annotation.text.rfind("BAD_", 0) != 0 ||
-                (annotation.text.find(" all channels") == std::string::npos &&
-                 (annotation.text + ',').find(' ' + signal.label + ',') == std::string::npos))
+            if (!annotation.marks(signal.label))
                 continue;
             const auto to = std::llround((annotation.onset + annotation.duration) * rate);
             for (auto i = std::llround(annotation.onset * rate); i < to && i < std::ssize(samples_); ++i)

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <fstream>
 #include <string>
 #include <vector>
+
+#include "support/working_folder.h"
 
 namespace test {
 
@@ -12,6 +15,12 @@ struct EdfFile {
         double onset;     // seconds from the first sample
         double duration;  // seconds; -1: none
         std::string text;
+
+        /// Whether it marks samples of that channel as bad.
+        bool marks(const std::string& label) const {
+            return text.starts_with("BAD_") &&
+                   (text.ends_with(" all channels") || (text + ',').find(' ' + label + ',') != std::string::npos);
+        }
     };
     struct Signal {
         std::string label, unit;
@@ -27,8 +36,12 @@ struct EdfFile {
 
     /// Throws std::runtime_error when the reader refuses the file.
     static EdfFile read(const std::string& path);
-    /// Of the same bytes.
-    static EdfFile readBytes(const std::string& bytes);
+    /// The readers take paths alone.
+    static EdfFile readBytes(const std::string& bytes) {
+        const WorkingFolder folder;
+        std::ofstream("bytes.edf", std::ios::binary) << bytes;
+        return read("bytes.edf");
+    }
 };
 
 }  // namespace test

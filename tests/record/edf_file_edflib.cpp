@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 
@@ -50,25 +49,6 @@ EdfFile EdfFile::read(const std::string& path) {
     }
     edfclose_file(header->handle);
     return file;
-}
-
-EdfFile EdfFile::readBytes(const std::string& bytes) {
-    // EDFlib takes paths alone.
-    std::array<char, 32> name{"/tmp/velmora-edf-XXXXXX"};
-    const int descriptor = ::mkstemp(name.data());
-    if (descriptor < 0)
-        throw std::runtime_error("no temporary file");
-    std::unique_ptr<std::FILE, int (*)(std::FILE*)> out(::fdopen(descriptor, "wb"), std::fclose);
-    std::fwrite(bytes.data(), 1, bytes.size(), out.get());
-    out.reset();
-    try {
-        EdfFile file = read(name.data());
-        std::remove(name.data());
-        return file;
-    } catch (...) {
-        std::remove(name.data());
-        throw;
-    }
 }
 
 }  // namespace test

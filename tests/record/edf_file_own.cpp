@@ -1,7 +1,3 @@
-#include <cstdio>
-#include <fstream>
-#include <stdexcept>
-
 #include "record/edf_file.h"
 #include "record/edf_reader.h"
 
@@ -30,19 +26,6 @@ EdfFile EdfFile::read(const std::string& path) {
     for (const auto& annotation : reader.annotations())
         file.annotations.push_back({annotation.onset, annotation.duration, annotation.text});
     return file;
-}
-
-EdfFile EdfFile::readBytes(const std::string& bytes) {
-    const std::string path = std::tmpnam(nullptr);
-    std::ofstream(path, std::ios::binary) << bytes;
-    try {
-        EdfFile file = read(path);
-        std::remove(path.c_str());
-        return file;
-    } catch (...) {
-        std::remove(path.c_str());
-        throw;
-    }
 }
 
 }  // namespace test

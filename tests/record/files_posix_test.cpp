@@ -22,25 +22,6 @@ namespace {
 using namespace velmora::record;
 using test::EdfFile;
 
-constexpr Start kStart{0, 1'709'677'800'000'000'000, 0};
-
-std::vector<velmora_record> someRecords() {
-    test::SimulatedHeadset headset{.seconds = 20, .lossShare = 0.1};
-    return headset.records();
-}
-
-void recordInto(const std::string& base, const std::vector<velmora_record>& records) {
-    Options options;
-    options.target.base = base;
-    Recording recording(options, {{0, "A1B2C3D4E5F6", "x"}}, kStart, systemFiles(), "1", "0",
-                        [](const std::string&) {});
-    for (const velmora_record& record : records) {
-        recording.tick(record.time);
-        recording.take({&record, 1});
-    }
-    recording.finish();
-}
-
 TEST(Files, ForbiddenFoldersAreCalledSo) {
     if (::geteuid() == 0)
         GTEST_SKIP() << "root may write everywhere";
@@ -58,7 +39,7 @@ TEST(Files, ForbiddenFoldersAreCalledSo) {
 // A process that records as fast as it can is killed, again and again. It spends much of its time where strict readers
 // refuse what it leaves, a thousand times as much as one that records as data comes.
 TEST(Files, AKilledProgramLeavesAFileThatOpens) {
-    const auto records = someRecords();
+    const auto records = test::SimulatedHeadset{.seconds = 20, .lossShare = 0.1}.records();
     std::mt19937 random(5);
     int opened = 0;
     int refused = 0;
@@ -67,7 +48,7 @@ TEST(Files, AKilledProgramLeavesAFileThatOpens) {
         const pid_t child = ::fork();
         if (child == 0) {
             for (int take = 0;; ++take)
-                recordInto(std::to_string(take), records);
+                test::recordInto(std::to_string(take), records);
         }
         std::this_thread::sleep_for(std::chrono::microseconds(5'000 + random() % 40'000));
         ASSERT_EQ(::kill(child, SIGKILL), 0);

@@ -123,14 +123,7 @@ TEST(Files, ARecordingInThem) {
 
 TEST(EdfReader, DamagedFilesAreRefusedOrReadAsFarAsTheyGo) {
     const test::WorkingFolder here;
-    test::SimulatedHeadset headset{.channels = 2, .seconds = 6};
-    const auto records = headset.records();
-    Options options;
-    options.target.base = "take";
-    Recording recording(options, {{0, "A1B2C3D4E5F6", "x"}}, kStart, systemFiles(), "1", "0",
-                        [](const std::string&) {});
-    recording.take(records);
-    recording.finish();
+    test::recordInto("take", test::SimulatedHeadset{.channels = 2, .seconds = 6}.records());
     const std::string good = content("take.edf");
     const auto read = [](const std::string& bytes) {
         std::ofstream("bad.edf", std::ios::binary) << bytes;

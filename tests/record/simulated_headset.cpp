@@ -2,27 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <map>
+
+#include "record/recording.h"
 
 namespace test {
-
-namespace {
-
-constexpr int kPacketSamples = 112;
-
-bool names(const std::string& text, const std::string& label) {
-    if (text.find(" all channels") != std::string::npos)
-        return true;
-    for (std::size_t at = text.find(' '); at != std::string::npos && at + 1 < text.size();) {
-        const std::size_t end = text.find(", ", at + 1);
-        if (text.substr(at + 1, end == std::string::npos ? end : end - at - 1) == label)
-            return true;
-        at = end == std::string::npos ? end : end + 1;
-    }
-    return false;
-}
-
-}  // namespace
 
 std::int16_t SimulatedHeadset::value(int channel, std::int64_t sample) {
     const auto mixed = static_cast<std::uint64_t>(sample * 16 + channel) * 0x9E3779B97F4A7C15U;
@@ -34,6 +17,7 @@ std::vector<velmora_record> SimulatedHeadset::records() const {
     std::uniform_real_distribution<double> share(0, 1);
     std::vector<velmora_record> records;
     std::vector<std::uint32_t> gone(static_cast<std::size_t>(channels));
+    constexpr int kPacketSamples = 112;
     const int slots = multi ? 1 : channels;
     const int count = multi ? kPacketSamples / channels : kPacketSamples;
     for (std::int64_t sample = 0; static_cast<double>(sample + count) <= rate * seconds; sample += count) {
@@ -88,7 +72,7 @@ std::string difference(const EdfFile& file, const std::vector<velmora_record>& r
         }
         std::vector<int> bad(signal.samples.size(), 0);
         for (const auto& annotation : file.annotations) {
-            if (annotation.text.rfind("BAD_", 0) != 0 || !names(annotation.text, signal.label))
+            if (!annotation.marks(signal.label))
                 continue;
             const auto from = std::llround(annotation.onset * rate);
             const auto to = std::llround((annotation.onset + annotation.duration) * rate);
@@ -113,6 +97,18 @@ std::string difference(const EdfFile& file, const std::vector<velmora_record>& r
         }
     }
     return "";
+}
+
+void recordInto(const std::string& base, const std::vector<velmora_record>& records) {
+    velmora::record::Options options;
+    options.target.base = base;
+    velmora::record::Recording recording(options, {{0, "A1B2C3D4E5F6", "x"}}, {0, 1'709'677'800'000'000'000, 0},
+                                         velmora::record::systemFiles(), "1", "0", [](const std::string&) {});
+    for (const velmora_record& record : records) {
+        recording.tick(record.time);
+        recording.take({&record, 1});
+    }
+    recording.finish();
 }
 
 velmora_record eventRecord(int code, int headset, std::int64_t time) {

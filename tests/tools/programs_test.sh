@@ -202,23 +202,26 @@ group_record() {
     expect 0 "$velmora" plot take-A1B2C3D4E502.edf -o take.svg --force
 }
 
-# Ctrl-C ends a recording in order, in either format.
+# recorded SIGNAL CODE NAME FILE TEXT: a recording to NAME that the signal ends as soon as its FILE holds the text
+recorded() {
+    plug --headsets 1 --channels 4 --rate 500 --packing single --lose-every 10 --account account
+    touch "$4"
+    "$velmora" record --port "$port" --rate 500 -o "$3" --force --max-loss 100 >out 2>err </dev/null &
+    program=$!
+    holds "$4" "$5"
+    ended "$1" "$2"
+}
+# Ctrl-C ends a recording in order, in either format; a killed one opens all the same.
 group_interrupted() {
-    while read -r name file text; do
-        plug --headsets 1 --channels 4 --rate 500 --packing single --lose-every 10 --account account
-        touch "$file"
-        "$velmora" record --port "$port" --rate 500 -o "$name" --force --max-loss 100 >out 2>err </dev/null &
-        program=$!
-        holds "$file" "$text"
-        ended INT 0
-        holds out "$file: XAI-01 (A1B2C3D4E501), "
-    done <<'FILES'
-table.csv table.csv 0.002000,1,
-take-A1B2C3D4E501 take-A1B2C3D4E501.edf EDF+C
-FILES
+    recorded INT 0 table.csv table.csv 0.002000,1,
+    holds out "table.csv: XAI-01 (A1B2C3D4E501), "
     holds table.csv "time,sample,ch0,ch1,ch2,ch3"
     holds table-events.csv "BAD_lost ch"
+    recorded INT 0 take-A1B2C3D4E501 take-A1B2C3D4E501.edf EDF+C
+    holds out "take-A1B2C3D4E501.edf: XAI-01 (A1B2C3D4E501), "
     whole take-A1B2C3D4E501.edf 4
+    recorded KILL 137 killed-A1B2C3D4E501 killed-A1B2C3D4E501.edf EDF+C
+    whole killed-A1B2C3D4E501.edf 4
 }
 
 # A limit or a disk that is full ends a recording, and everything opens.
