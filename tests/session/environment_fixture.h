@@ -5,10 +5,20 @@
 #include <utility>
 #include <vector>
 
+#include "dongle/dongle_settings.h"
 #include "link/serial_port.h"
 #include "session/environment.h"
 
 namespace test {
+
+/// What connects all headsets of a dongle.
+inline std::vector<velmora_wanted> everybody(const dongle::Settings& settings) {
+    std::vector<velmora_wanted> wanted(settings.headsets.size());
+    for (std::size_t i = 0; i < wanted.size(); ++i) {
+        settings.headsets[i].address.copy(wanted[i].address, 12);
+    }
+    return wanted;
+}
 
 /// A machine whose list of ports the test writes.
 class FakeMachine {

@@ -70,14 +70,6 @@ bool isFree(const std::string& path) {
     return locked;
 }
 
-std::vector<velmora_wanted> everybody() {
-    std::vector<velmora_wanted> wanted(2);
-    for (int i = 0; i < 2; ++i) {
-        dongle::defaultHeadset(i + 1).address.copy(wanted[static_cast<std::size_t>(i)].address, 12);
-    }
-    return wanted;
-}
-
 TEST(Replug, TwentyTimesWhileReadingUnderAnotherNameWithoutTakingAStrangersDongle) {
     test::FakeMachine machine;
     std::unique_ptr<dongle::Runner> dongle = plugIn();
@@ -87,7 +79,7 @@ TEST(Replug, TwentyTimesWhileReadingUnderAnotherNameWithoutTakingAStrangersDongl
     ASSERT_TRUE(session.open(dongle->hostPath()).ok());
     ASSERT_TRUE(session.start(nullptr, nullptr).ok());
     for (int round = 0; round < 20; ++round) {
-        auto wanted = everybody();
+        auto wanted = test::everybody(quickDongle());
         ASSERT_EQ(session.connect(wanted, false, deadlineIn(20'000), nullptr).status, VELMORA_OK);
         EXPECT_EQ(wanted[1].headset, 1) << "numbers stay";
         ASSERT_TRUE(eventually([&] { return session.statistics().raw > static_cast<std::uint64_t>(round + 1) * 5; }));
@@ -151,7 +143,7 @@ TEST(Find, TellsWhatEachPortIs) {
     {
         velmora::Session before(machine.environment(), {});
         ASSERT_TRUE(before.open(streaming->hostPath()).ok());
-        auto wanted = everybody();
+        auto wanted = test::everybody(quickDongle());
         ASSERT_TRUE(before.connect(wanted, false, deadlineIn(20'000), nullptr).ok());
     }
     dongle::Settings late = quickDongle();

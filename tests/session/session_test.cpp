@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "dongle/dongle_runner.h"
+#include "environment_fixture.h"
 #include "link/serial_port.h"
 #include "support/eventually.h"
 #include "support/process_memory.h"
@@ -66,17 +67,8 @@ class SessionTest : public testing::Test {
         host = std::make_unique<velmora::Dongle>(path, std::move(options));
         return *host;
     }
-    std::vector<velmora_wanted> everybody() const {
-        std::vector<velmora_wanted> wanted;
-        for (const dongle::HeadsetSettings& headset : settings.headsets) {
-            velmora_wanted element{};
-            headset.address.copy(element.address, 12);
-            wanted.push_back(element);
-        }
-        return wanted;
-    }
     velmora_status connectAll() {
-        std::vector<velmora_wanted> wanted = everybody();
+        std::vector<velmora_wanted> wanted = test::everybody(settings);
         return host->connect(std::span(wanted), 20s);
     }
     template <typename Use>
@@ -302,7 +294,7 @@ TEST_F(SessionTest, ARequestWaitsForItsOwnResponse) {
 TEST_F(SessionTest, EachAddressIsToldWhetherItConnected) {
     settings.headsets[1].connectFails = true;
     open();
-    std::vector<velmora_wanted> wanted = everybody();
+    std::vector<velmora_wanted> wanted = test::everybody(settings);
     wanted.push_back(wanted.back());
     std::string("0A1B2C3D4E5F").copy(wanted.back().address, 12);
     EXPECT_EQ(host->connect(std::span(wanted), 20s), VELMORA_NOT_CONNECTED);
@@ -337,7 +329,7 @@ TEST_F(SessionTest, ASecondGroupIsWhatTheDongleMakesOfIt) {
     for (const auto& c : cases) {
         SCOPED_TRACE(static_cast<int>(c.dongle));
         reply(&Replies::secondGroup, c.dongle);
-        std::vector<velmora_wanted> wanted = everybody();
+        std::vector<velmora_wanted> wanted = test::everybody(settings);
         ASSERT_EQ(host->connect(std::span(wanted).first(1), 20s), VELMORA_OK);
         const auto second = std::span(wanted).last(1);
         EXPECT_EQ(statusOf([&] { host->connect(second, 20s); }), VELMORA_BUSY);
@@ -398,7 +390,7 @@ TEST_F(SessionTest, WhatIsGoingOnRefusesOthersAndEndsWithARestart) {
     restarter.join();
     reply(&Replies::connectEnd, false);
     restarter = restartAt("AT+GRPCONN");
-    std::vector<velmora_wanted> wanted = everybody();
+    std::vector<velmora_wanted> wanted = test::everybody(settings);
     EXPECT_EQ(statusOf([&] { host->connect(std::span(wanted), 20s); }), VELMORA_RESTARTED);
     EXPECT_EQ(wanted[0].status, VELMORA_RESTARTED);
     EXPECT_EQ(wanted[0].index, -1);

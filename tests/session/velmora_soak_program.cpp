@@ -69,11 +69,7 @@ class Pair {
         const std::string port = folder / ("dongle" + std::to_string(number));
         runner_ = std::make_unique<dongle::Runner>(settings, [port] { return dongle::makeLinkedTerminal(port); });
         machine_.plug(port, std::to_string(number));
-        for (const dongle::HeadsetSettings& headset : settings.headsets) {
-            velmora_wanted wanted{};
-            headset.address.copy(wanted.address, 12);
-            wanted_.push_back(wanted);
-        }
+        wanted_ = test::everybody(settings);
         session_ = std::make_unique<velmora::Session>(machine_.environment(), velmora::Settings{});
         if (!session_->open(port).ok() || !session_->start(nullptr, nullptr).ok()) {
             std::abort();
