@@ -52,8 +52,9 @@ Outcome Session::Talk::ask(std::string_view command, Clock::Time deadline, Signa
             result = conversation.result();
             if (onFound) {
                 const auto& all = conversation.found();
-                found.assign(all.begin() + static_cast<std::ptrdiff_t>(told), all.end());
-                told = all.size();
+                for (; told < all.size(); ++told) {
+                    found.push_back(all[told]);
+                }
             }
         }
         for (const velmora_found& headset : found) {

@@ -165,10 +165,13 @@ class Cancel:
         _cancels.add(self)
 
     def cancel(self) -> None:
-        lib.velmora_cancel_raise(self.pointer)
+        if self.pointer:
+            lib.velmora_cancel_raise(self.pointer)
 
     def __del__(self, destroy: Callable[[c_void_p], None] = lib.velmora_cancel_destroy) -> None:
-        destroy(self.pointer)
+        # While this runs a weak reference still finds the object, and the end of the program cancels all it finds.
+        pointer, self.pointer = self.pointer, None
+        destroy(pointer)
 
 
 class Handle:
