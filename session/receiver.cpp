@@ -303,8 +303,8 @@ void Receiver::connectionReport(std::string_view text) {
     headsets_.connected(report->address, *report->index);
     if (const auto number = headsets_.findConnected(report->address)) {
         if (number == before) {
-            beginAnew(
-                static_cast<int>(*number));  // the report that it had left, or that the dongle restarted, was lost
+            // The report that it had left, or that the dongle had restarted, was lost.
+            beginAnew(*number);
         }
         conversation_.connected(report->address, *number, *report->index);
     }
