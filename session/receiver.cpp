@@ -227,19 +227,14 @@ void Receiver::event(int code, int number, int index, std::string_view address, 
     queueOther(record, counts_.events);
 }
 
-/// A headset's counters begin anew.
-void Receiver::beginAnew(int number) {
-    if (const auto place = static_cast<std::size_t>(number); place < lines_.size() && lines_[place]) {
-        lines_[place]->time.reconnected();
-    }
-}
-
 void Receiver::headsetChanged(const HeadsetTable::Change& change) {
     const std::string& address = headsets_.headsets()[static_cast<std::size_t>(change.number)].address;
     if (change.connected) {
         // What its forerunner at this index left unfinished is not its own, and its counters begin anew.
         reader_.dropPending(change.index);
-        beginAnew(change.number);
+        if (const auto place = static_cast<std::size_t>(change.number); place < lines_.size() && lines_[place]) {
+            lines_[place]->time.reconnected();
+        }
     } else {
         listener_.left(change.index);
         if (conversation_.disconnected(address)) {
@@ -299,13 +294,8 @@ void Receiver::connectionReport(std::string_view text) {
         *report->index >= protocol::kHeadsets) {
         return;
     }
-    const auto before = headsets_.findConnected(report->address);
     headsets_.connected(report->address, *report->index);
     if (const auto number = headsets_.findConnected(report->address)) {
-        if (number == before) {
-            // The report that it had left, or that the dongle had restarted, was lost.
-            beginAnew(*number);
-        }
         conversation_.connected(report->address, *number, *report->index);
     }
 }

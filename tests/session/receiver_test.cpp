@@ -159,14 +159,6 @@ TEST_F(ReceiverTest, AnIndexThatAHeadsetHadIsFreeForAnother) {
     EXPECT_EQ(moved, 1);
 }
 
-TEST_F(ReceiverTest, AHeadsetThatIsReportedAgainBeginsAnew) {
-    receiver.start(now);
-    for (const std::size_t records : {2u, 1u}) {  // that it is connected, and its first packet; that one alone
-        feed("Service connected. A00000000001,3\n" + packet(3, 0, 0));
-        EXPECT_EQ(taken().size(), records) << "the same packet, but no repetition";
-    }
-}
-
 TEST_F(ReceiverTest, WhatIsOnItsWayDoesNotUndoADrop) {
     expectEvents({{"left by an ended program", packet(3, 0, 1), "+0@3"}});
     receiver.allDropped(now);
