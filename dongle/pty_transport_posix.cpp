@@ -52,17 +52,12 @@ class PtyTransport : public Transport {
 
     std::size_t read(std::span<std::uint8_t> into, Time most) override {
         const std::size_t count = master_.read(into, most);
-        if (count > 0) {
+        if (count > 0 || !master_.hungUp()) {
             fresh_ = true;
-        } else if (master_.hungUp()) {
-            // A hung-up line is always ready and never gives anything. What the host has left must go at once, though.
-            if (std::exchange(fresh_, false)) {
-                leave();
-            } else {
-                sleepFor(most);
-            }
+        } else if (std::exchange(fresh_, false)) {
+            leave();  // what the host has left must go at once
         } else {
-            fresh_ = true;
+            sleepFor(most);  // a hung-up line is always ready and never gives anything
         }
         return count;
     }
