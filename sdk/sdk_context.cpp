@@ -11,11 +11,13 @@ std::atomic<int> callsInside{0};
 
 /// Tidies up when the library is unloaded: the port is closed, the log file too, and memory is given back. At the end
 /// of a process this runs as well, and then a thread may be in the middle of anything: nothing is touched but the log,
-/// which cannot outlive this point.
+/// which cannot outlive this point, and the callbacks: what they lead to (an interpreter, a host's static objects) goes
+/// away from now on, and a link thread that called it would crash a host that only left.
 class Unloading {
   public:
     explicit Unloading(SdkContext& sdk) : sdk_(sdk) {}
     ~Unloading() {
+        sdk_.host.forget();
         logShutdown(kLogFile);
         if (callsInside.load() > 0 || sdk_.core.linkThreads.living()) {
             return;

@@ -18,6 +18,13 @@ struct HostCallbacks {
     std::atomic<RawDataCallback> rawData{nullptr};
     std::atomic<BattInfoCallback> battInfo{nullptr};
     std::atomic<EventCallback> event{nullptr};
+
+    void forget() {
+        postData = nullptr;
+        rawData = nullptr;
+        battInfo = nullptr;
+        event = nullptr;
+    }
 };
 
 /// The state of the library as one process sees it.

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <map>
 #include <string>
+#include <thread>
 
 #include "dongle/dongle_runner.h"
 #include "sdk/VelmoraSDK.h"
@@ -106,7 +107,23 @@ void unloadWhileLinked(const std::string& path) {
     cleanUp();                 // ends the thread; the library may go once that is done
 }
 
+#ifndef _WIN32
+/// A host's own state goes away here: nobody may call it any more.
+void afterTheLibrary() {
+    std::this_thread::sleep_for(20ms);  // a call in flight may end
+    const long before = packets;
+    std::this_thread::sleep_for(200ms);
+    if (packets != before) {
+        std::fprintf(stderr, "the host was called after its end began\n");
+        std::_Exit(1);
+    }
+}
+#endif
+
 void leaveWhileStreaming(const std::string& path) {
+#ifndef _WIN32
+    CHECK(std::atexit(afterTheLibrary) == 0);  // the handlers of an end run in reverse: after the library's
+#endif
     static Streaming* const never = new Streaming(path);  // the dongle, too, goes on to the very end
     Streaming::waitForData();
     std::exit(never == nullptr ? 1 : 0);
