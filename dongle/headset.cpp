@@ -73,6 +73,8 @@ bool Headset::takeDue(Time now, bool paced, HeadsetFrame& frame) {
     return false;
 }
 
+/// Packet counters begin anew with each connection. The signal goes on as a body's does: no connection begins with the
+/// same packet as another.
 HeadsetFrame Headset::takeRaw() {
     const int channels = settings_.channels;
     std::array<std::int16_t, kSamplesPerFrame> samples{};
@@ -80,7 +82,7 @@ HeadsetFrame Headset::takeRaw() {
     std::size_t count = 0;
     if (settings_.packing == Packing::Multi) {
         const int perChannel = kSamplesPerFrame / channels;
-        const std::uint64_t first = rawNumber_ * static_cast<std::uint64_t>(perChannel);
+        const std::uint64_t first = counters_.rawProduced * static_cast<std::uint64_t>(perChannel);
         for (int i = 0; i < perChannel; ++i) {
             for (int channel = 0; channel < channels; ++channel) {
                 samples[count++] = sampleValue(settings_.index, channel, first + static_cast<std::uint64_t>(i));
@@ -89,10 +91,11 @@ HeadsetFrame Headset::takeRaw() {
         frame.bytes = multiChannelFrame(channels, samples, static_cast<std::uint8_t>(rawNumber_ & 0xFF));
     } else {
         const int channel = static_cast<int>(rawNumber_ % static_cast<std::uint64_t>(channels));
-        const std::uint64_t round = rawNumber_ / static_cast<std::uint64_t>(channels);
+        const std::uint64_t first = counters_.rawProduced / static_cast<std::uint64_t>(channels) * kSamplesPerFrame;
         for (count = 0; count < samples.size(); ++count) {
-            samples[count] = sampleValue(settings_.index, channel, round * kSamplesPerFrame + count);
+            samples[count] = sampleValue(settings_.index, channel, first + count);
         }
+        const std::uint64_t round = rawNumber_ / static_cast<std::uint64_t>(channels);
         frame.bytes = singleChannelFrame(channel, samples, static_cast<std::uint8_t>(round & 0xFF));
     }
     ++rawNumber_;

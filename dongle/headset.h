@@ -51,11 +51,11 @@ class Headset {
     /// Counts its connections, so that something planned for one does not hit the next.
     std::uint64_t connection() const { return connection_; }
 
-    /// Joins the group; frames begin at `streamStart`, with packet counters and sample numbers from 0.
+    /// Joins the group; frames begin at `streamStart`, with packet counters from 0.
     void connect(Time streamStart);
     void disconnect() { connected_ = false; }
 
-    /// From `now` on; packet counters and sample numbers go on. 0: no raw frames.
+    /// From `now` on; packet counters and the signal go on. 0: no raw frames.
     void setSampleRate(int samplesPerSecond, Time now);
     void setConnectFails(bool fails) { settings_.connectFails = fails; }
     /// Takes its other index, and keeps the present one for the next time.

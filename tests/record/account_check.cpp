@@ -13,6 +13,7 @@
 #include <span>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "dongle/headset_frames.h"
@@ -24,7 +25,8 @@ constexpr std::int64_t kPacketSamples = 112;
 
 struct Packet {
     int index;
-    std::uint64_t number;  // since the headset connected
+    std::uint64_t number;  // of the headset's
+    int connection;        // which of the headset's connections
     int channel;
     std::int64_t sent;  // nanoseconds
     bool whole;
@@ -34,6 +36,7 @@ std::vector<Packet> readAccount(const std::string& path, const std::string& addr
     std::ifstream file(path);
     std::vector<Packet> packets;
     int lastCounter = 0;
+    int connection = 0;
     std::string line;
     while (std::getline(file, line)) {
         std::vector<std::string> fields;
@@ -43,12 +46,12 @@ std::vector<Packet> readAccount(const std::string& path, const std::string& addr
         // headset,index,kind,number,channel,counter,produced_ns,copy,sent_ns,outcome,...
         if (fields.size() < 10 || fields[0] != address || fields[2] != "raw" || fields[7] == "2")
             continue;
-        // The account numbers them through; a headset that connects again begins with counter 0 anew.
+        // A headset that connects again begins with counter 0 anew.
         const int channel = std::stoi(fields[4]);
         const int counter = std::stoi(fields[5]);
-        const bool begins = packets.empty() || (channel == 0 && counter == 0 && lastCounter != 255);
+        connection += channel == 0 && counter == 0 && lastCounter != 255 ? 1 : 0;
         lastCounter = counter;
-        packets.push_back({std::stoi(fields[1]), begins ? 0 : packets.back().number + 1, channel,
+        packets.push_back({std::stoi(fields[1]), std::stoull(fields[3]), connection, channel,
                            fields[8].empty() ? 0 : std::stoll(fields[8]), fields[9] == "whole"});
     }
     return packets;
@@ -118,9 +121,10 @@ Finding follow(const Channel& channel, std::span<const Packet> packets, int chan
     };
     std::int64_t next = 0;                            // behind the last packet
     std::int64_t expected = channel.firstGood(next);  // the same, with what was lost since
+    int connection = packets.front().connection;
     for (const Packet& packet : packets) {
-        if (finding.found > 0 && packet.number < static_cast<std::uint64_t>(channels))
-            expected = channel.firstGood(next);  // the headset has connected again
+        if (std::exchange(connection, packet.connection) != packet.connection)
+            expected = channel.firstGood(next);
         if (!packet.whole) {
             finding.lost += 1;
             expected += kPacketSamples;

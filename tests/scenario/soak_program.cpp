@@ -37,15 +37,13 @@ std::array<std::array<std::uint64_t, kChannels>, kHeadsets> nextPacket;
 /// Whether a packet is one of those that its headset may have sent by now.
 bool recognises(int device, int channel, const int* samples) {
     std::uint64_t& next = nextPacket.at(static_cast<std::size_t>(device)).at(static_cast<std::size_t>(channel));
-    // A headset that comes back begins its signal anew; otherwise packets are lost, or come twice.
-    for (const std::uint64_t start : {next > 2 ? next - 2 : 0, std::uint64_t{0}}) {
-        for (std::uint64_t packet = start; packet < start + 400; ++packet) {
-            std::uint64_t n = packet * kPacket;
-            if (std::all_of(samples, samples + kPacket,
-                            [&](int sample) { return sample == dongle::sampleValue(device, channel, n++); })) {
-                next = packet + 1;
-                return true;
-            }
+    const std::uint64_t start = next > 2 ? next - 2 : 0;  // packets are lost, or come twice
+    for (std::uint64_t packet = start; packet < start + 400; ++packet) {
+        std::uint64_t n = packet * kPacket;
+        if (std::all_of(samples, samples + kPacket,
+                        [&](int sample) { return sample == dongle::sampleValue(device, channel, n++); })) {
+            next = packet + 1;
+            return true;
         }
     }
     return false;
