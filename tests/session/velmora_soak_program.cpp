@@ -87,7 +87,14 @@ class Pair {
         }
         while (take(200) > 0) {
         }
-        const dongle::PacketTotals sent = runner_->with([](dongle::Engine& e) { return e.account()->sum(); });
+        dongle::PacketTotals sent;
+        std::uint64_t harmful = 0;
+        std::uint64_t cut = 0;
+        runner_->with([&](dongle::Engine& e) {
+            sent = e.account()->sum();
+            harmful = harmful_;
+            cut = cut_;
+        });
         const velmora_statistics seen = session_->statistics();
         // What the system threw away with the port before either end could have it; the dongle takes that for read.
         const dongle::RunnerCounters line = runner_->counters();
@@ -96,13 +103,13 @@ class Pair {
         // What is thrown away begins and ends inside packets. A packet that was cut short takes what follows for its
         // own rest, if the machine is so busy that no pause tells them apart.
         const auto gone = static_cast<std::uint64_t>(events_[VELMORA_EVENT_GONE]);
-        const std::uint64_t slack = 2 * harmful_ + 2 * cut_ + cutOff / kPacketBytes + (cutOff > 0 ? gone : 0);
+        const std::uint64_t slack = 2 * harmful + 2 * cut + cutOff / kPacketBytes + (cutOff > 0 ? gone : 0);
         const bool good =
-            delivered_ + slack >= sent.whole && delivered_ <= sent.whole + sent.damaged + cut_ && dropped_ == 0;
+            delivered_ + slack >= sent.whole && delivered_ <= sent.whole + sent.damaged + cut && dropped_ == 0;
         std::cout << "dongle " << number << ": produced " << sent.produced << " = lost " << sent.lost << " + dropped "
                   << sent.dropped << " + unread " << sent.unread << " + damaged " << sent.damaged << " + whole "
-                  << sent.whole << "; delivered " << delivered_ << ", harmful damage " << harmful_ << ", cut short "
-                  << cut_ << "; gone " << gone << ", restarted " << events_[VELMORA_EVENT_RESTARTED] << ", connections "
+                  << sent.whole << "; delivered " << delivered_ << ", harmful damage " << harmful << ", cut short "
+                  << cut << "; gone " << gone << ", restarted " << events_[VELMORA_EVENT_RESTARTED] << ", connections "
                   << events_[VELMORA_EVENT_CONNECTED] << "; cut off " << cutOff << " bytes; stray bytes "
                   << seen.stray_bytes << ", headers " << seen.damaged_headers << ", incomplete "
                   << seen.incomplete_frames << (good ? ": good" : ": WRONG") << std::endl;
@@ -154,7 +161,7 @@ class Pair {
     bool again_ = true;
     std::uint64_t delivered_ = 0;
     std::uint64_t dropped_ = 0;
-    std::uint64_t harmful_ = 0;
+    std::uint64_t harmful_ = 0;  // these two belong to the runner
     std::uint64_t cut_ = 0;
     std::array<int, 16> events_{};
     std::atomic<bool> stop_{false};
