@@ -14,7 +14,7 @@ constexpr Time kLongestWait = 10ms;
 constexpr Time kFullRetry = 2ms;
 constexpr Time kFullPatience = 1s;
 // More waits only when the settings ask for longer gaps than the data leaves room for.
-constexpr std::size_t kMostWaiting = 1000;
+constexpr std::size_t kMostWrites = 1000;
 // A pause of the whole machine is not made up for beyond this.
 constexpr Time kLongestLag = 1s;
 
@@ -194,7 +194,7 @@ void Runner::countUnread(std::optional<std::size_t> unread, bool gone) {
 }
 
 void Runner::queue(Write write) {
-    if (backlog_.size() < kMostWaiting) {
+    if (backlog_.size() < kMostWrites) {
         backlog_.push_back(std::move(write));
         return;
     }

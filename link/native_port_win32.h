@@ -4,10 +4,6 @@
 
 #include "link/native_port.h"
 
-#define WIN32_LEAN_AND_MEAN
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
 #include <windows.h>
 
 namespace kxorbeta_if {

@@ -9,10 +9,6 @@
 #include "link/port_names.h"
 #include "link/usb_instance_id_win32.h"
 
-#define WIN32_LEAN_AND_MEAN
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
 #include <windows.h>
 // After <windows.h>, which they need.
 #include <cfgmgr32.h>

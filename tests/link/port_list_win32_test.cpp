@@ -5,7 +5,6 @@
 #include "link/port_list.h"
 #include "link/usb_instance_id_win32.h"
 
-#define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 
 namespace kxorbeta_if {

@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 // "recordings of March", in Japanese.
 const std::string kFolder = "\xE4\xB8\x89\xE6\x9C\x88\xE3\x81\xAE\xE8\xA8\x98\xE9\x8C\xB2";
 
-constexpr Start kStart{0, 1'709'677'800'000'000'000, 0};
+constexpr Start kBegin{0, 1'709'677'800'000'000'000, 0};
 
 fs::path native(const std::string& path) {
     return std::u8string(path.begin(), path.end());
@@ -95,15 +95,15 @@ TEST(Files, ARecordingInThem) {
     options.target = Target::parse(kFolder + "/take.edf");
     const std::vector<Headset> headsets{{0, "A1B2C3D4E5F6", "x"}};
     const auto ignore = [](const std::string&) {};
-    Recording recording(options, headsets, kStart, systemFiles(), "1", "0", ignore);
-    EXPECT_EQ(reasonOf([&] { Recording(options, headsets, kStart, systemFiles(), "1", "0", ignore); }),
+    Recording recording(options, headsets, kBegin, systemFiles(), "1", "0", ignore);
+    EXPECT_EQ(reasonOf([&] { Recording(options, headsets, kBegin, systemFiles(), "1", "0", ignore); }),
               FileError::Reason::InUse);
     for (const velmora_record& record : records) {
         recording.tick(record.time);
         recording.take({&record, 1});
     }
     recording.finish();
-    EXPECT_EQ(reasonOf([&] { Recording(options, headsets, kStart, systemFiles(), "1", "0", ignore); }),
+    EXPECT_EQ(reasonOf([&] { Recording(options, headsets, kBegin, systemFiles(), "1", "0", ignore); }),
               FileError::Reason::Exists);
     const auto bytes = content(kFolder + "/take.edf");
     EXPECT_EQ(test::difference(test::EdfFile::readBytes(bytes), records, 500), "");

@@ -1,4 +1,3 @@
-#define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 // After the header that it needs.
 #include <psapi.h>

@@ -33,6 +33,8 @@ int run(const Invocation& invocation) {
 
 }  // namespace
 
+// What is thrown outside run() is want of memory, which ends any program.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) {
     prepareConsole();
     Invocation invocation;

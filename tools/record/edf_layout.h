@@ -12,6 +12,11 @@ inline constexpr std::size_t kEdfRecordLimit = 61'440;
 /// Numbers of a header have eight characters.
 inline constexpr std::size_t kEdfNumberWidth = 8;
 
+/// What stands behind an annotation's onset, and its duration if it has one, and behind each of its texts; and what
+/// stands before the duration.
+inline constexpr char kEdfEnd = 0x14;
+inline constexpr char kEdfDuration = 0x15;
+
 struct EdfLayout {
     std::int64_t samples = 0;         ///< of each channel in a record
     std::int64_t recordTicks = 0;     ///< duration of a record in units of 100 ns

@@ -7,6 +7,8 @@
 #include <optional>
 #include <string_view>
 
+#include "record/edf_layout.h"
+
 namespace velmora::record {
 
 namespace {
@@ -16,8 +18,6 @@ constexpr std::size_t kSignalHeader = 256;
 constexpr std::size_t kMostSignals = 4096;
 constexpr std::size_t kLargestRecord = 1U << 28U;
 constexpr std::string_view kAnnotationLabel = "EDF Annotations";
-constexpr char kOnsetEnd = 0x14;
-constexpr char kDurationMark = 0x15;
 
 std::string_view trimmed(std::string_view text) {
     const std::size_t end = text.find_last_not_of(std::string_view(" \0", 2));
@@ -75,17 +75,17 @@ class Fields {
 // The annotations that a record's bytes hold. The first empty one, the record's own time, is left out.
 void readAnnotations(std::string_view text, std::vector<EdfAnnotation>& annotations) {
     while (auto list = cut(text, '\0')) {
-        auto front = cut(*list, kOnsetEnd);
+        auto front = cut(*list, kEdfEnd);
         if (!front) {
             continue;
         }
-        const std::size_t mark = front->find(kDurationMark);
+        const std::size_t mark = front->find(kEdfDuration);
         const auto onset = number(front->substr(0, mark));
         const auto duration = mark == std::string_view::npos ? 0.0 : number(front->substr(mark + 1));
         if (!onset || !duration) {
             continue;
         }
-        while (const auto words = cut(*list, kOnsetEnd)) {
+        while (const auto words = cut(*list, kEdfEnd)) {
             if (!words->empty()) {
                 annotations.push_back({*onset, *duration, std::string(*words)});
             }
@@ -95,7 +95,7 @@ void readAnnotations(std::string_view text, std::vector<EdfAnnotation>& annotati
 
 // When the first record begins, from its own time.
 double firstOnset(std::string_view text) {
-    const auto front = cut(text, kOnsetEnd);
+    const auto front = cut(text, kEdfEnd);
     return front ? number(*front).value_or(0) : 0;
 }
 

@@ -14,8 +14,6 @@ namespace {
 constexpr std::int64_t kTicksPerSecond = 10'000'000;  // of 100 ns, what common readers resolve
 constexpr std::int64_t kNanosecondsPerTick = 100;
 constexpr std::size_t kCountOffset = 236;
-constexpr char kOnsetEnd = 0x14;
-constexpr char kDurationMark = 0x15;
 constexpr std::size_t kTimeRoom = 96;  // a record's own time at most, and a short annotation beside a long one
 
 std::string field(std::string text, std::size_t width) {
@@ -183,11 +181,11 @@ std::string EdfWriter::annotationText(const Annotation& annotation) const {
     const std::int64_t from = ticks(std::max(annotation.from, std::int64_t{0}));
     std::string text = '+' + timeText(secondFraction_ + from);
     if (annotation.count >= 0) {
-        text += kDurationMark + timeText(ticks(annotation.from + annotation.count) - from);
+        text += kEdfDuration + timeText(ticks(annotation.from + annotation.count) - from);
     }
-    text += kOnsetEnd;
+    text += kEdfEnd;
     text += annotationWords(annotation.text, layout_.annotationBytes - kTimeRoom - text.size() - 2);
-    text += kOnsetEnd;
+    text += kEdfEnd;
     text += '\0';
     return text;
 }
@@ -202,8 +200,8 @@ void EdfWriter::addRecord(std::vector<char>& bytes, std::int64_t number, std::sp
         }
     }
     std::string text = '+' + timeText(secondFraction_ + number * layout_.recordTicks);
-    text += kOnsetEnd;
-    text += kOnsetEnd;
+    text += kEdfEnd;
+    text += kEdfEnd;
     text += '\0';
     while (!annotations.empty()) {
         const std::string next = annotationText(annotations.front());
