@@ -75,7 +75,7 @@ shows_host() {
 linux() {
     local prefix=$1
     readme=$prefix/share/doc/velmora/README.md
-    ls "$prefix"/share/doc/velmora/licences/{loguru,CLI11}.txt "$prefix"/lib/udev/rules.d/*.rules >/dev/null
+    ls "$prefix"/share/doc/velmora/licences/{loguru,CLI11,Boost}.txt "$prefix"/lib/udev/rules.d/*.rules >/dev/null
     program first.c
     export PKG_CONFIG_PATH=$prefix/lib/pkgconfig LD_LIBRARY_PATH=$prefix/lib
     eval "$(line 'cc first.c')"
@@ -133,7 +133,7 @@ try_zip() {
     unzip -q "$(ls "$packages"/velmora-*-windows-*.zip | grep -v debug)"
     mv velmora-* velmora
     readme=velmora/share/doc/velmora/README.md
-    ls velmora/share/doc/velmora/licences/{loguru,CLI11,GPL-3,libstdc++-and-libgcc,mingw-w64-and-winpthread}.txt >/dev/null
+    ls velmora/share/doc/velmora/licences/{loguru,CLI11,Boost,GPL-3,libstdc++-and-libgcc,mingw-w64-and-winpthread}.txt >/dev/null
     program first.c
     host
     eval "x86_64-w64-mingw32-$(line 'gcc first.c')"

@@ -17,6 +17,7 @@ constexpr const char* kExamples =
     "  velmora scan                             the headsets that are near\n"
     "  velmora record -o monday --all           all of them, an EDF+ file for each, until Ctrl-C\n"
     "  velmora plot monday.edf -o monday.svg    a picture of such a file\n"
+    "  velmora view --all                       their signals, live, in the browser\n"
     "  velmora stream --all                     a live table of all of them, until Ctrl-C\n"
     "  velmora send XAI-01 -c 0x21              a command, and the answer to it\n"
     "  velmora COMMAND --help                   more about each\n";
@@ -99,6 +100,20 @@ void addReception(CLI::App& app, ReceptionOptions& options) {
                  "After a restart or an unplugging connect again and go on, instead of ending with 5");
 }
 
+void addViewSettings(CLI::App& app, ViewSettings& settings) {
+    addNumber(app, "--port-http", 65535, "Port to serve the page at; without it: one that is free",
+              [&settings](std::uint32_t port) { settings.server.port = static_cast<std::uint16_t>(port); });
+    app.add_option("--listen", settings.server.listen,
+                   "Address of this machine to serve it at; 0.0.0.0: to the whole network, without encryption")
+        ->type_name("ADDRESS")
+        ->capture_default_str();
+    addNumber(app, "--clients", 64, "How many may look on at the same time; 8 unless said otherwise",
+              [&settings](std::uint32_t clients) { settings.server.clients = clients; });
+    app.add_flag_callback(
+        "--no-browser", [&settings] { settings.browser = false; },
+        "Only print the address, and leave the browser closed");
+}
+
 void check(const record::Options& recording) {
     try {
         record::checkOptions(recording);
@@ -156,6 +171,23 @@ constexpr const char* kRecordHelp =
     "NAME.json with rates, start and losses; NAME-processed.csv when headsets send such data. Lost samples are filled\n"
     "and annotated (EDF+), or empty cells (CSV). A recording that is killed keeps all but the last second.\n";
 
+constexpr const char* kViewHelp =
+    "The address is good for one browser, once; each use prints the next one. Programs of others connect to it as "
+    "well:\n"
+    "docs/view-protocol.md. Restarts and unpluggings are shown, and connected again.\n";
+
+void addView(CLI::App& command, ViewOptions& options, bool& quiet) {
+    addHeadsets(command, options.choice);
+    addSeconds(command, "-s,--seconds", "End after that time (10, 90s, 5m, 1h); without it: at Ctrl-C",
+               [&options](double seconds) { options.reception.seconds = seconds; });
+    addViewSettings(command, options.view);
+    addQuiet(command, quiet);
+    command.footer(std::string(kViewHelp) + "\n" +
+                   footer("  velmora view --all\n"
+                          "  velmora view XAI-01 --no-browser --port-http 8080\n"
+                          "  velmora view --all --listen 0.0.0.0 --clients 3\n"));
+}
+
 void addRecord(CLI::App& command, RecordOptions& options, bool& quiet) {
     addHeadsets(command, options.choice);
     addReception(command, options.reception);
@@ -197,9 +229,17 @@ void addRecord(CLI::App& command, RecordOptions& options, bool& quiet) {
         ->check(CLI::Range(0.0, 100.0))
         ->type_name("PERCENT");
     addQuiet(command, quiet);
+    CLI::Option* const view = command.add_flag("--view", options.view,
+                                               "Show the signals in the browser meanwhile; more: velmora view --help");
+    CLI::App* const group = command.add_option_group("With --view");
+    addViewSettings(*group, options.viewSettings);
+    for (CLI::Option* const option : group->get_options()) {
+        option->needs(view);
+    }
     command.footer(std::string(kRecordHelp) + "\n" +
                    footer("  velmora record -o monday XAI-01 --seconds 10m --mark b=blink\n"
                           "  velmora record -o night --all --keep-going --unit uV --gain 0.195\n"
+                          "  velmora record -o monday --all --view --mark b=blink --mark t=talk\n"
                           "  velmora record -o table.csv\n"));
 }
 
@@ -292,6 +332,7 @@ std::optional<int> parseCommandLine(std::vector<std::string> arguments, Invocati
     add("find", "Print the ports of dongles, one a line", addFind, findCommand);
     add("scan", "Print the headsets that the dongle finds", addScan, scanCommand);
     add("record", "Record headsets to EDF+ or CSV files", addRecord, recordCommand);
+    add("view", "Show signals live in the browser", addView, viewCommand);
     add("plot", "Draw an EDF+ file as an SVG picture", addPlot, plotCommand);
     add("stream", "Show what headsets send, with rates and losses", addStream, streamCommand);
     add("send", "Connect a headset, send it a command, show its answer, and drop it again", addSend, sendCommand);

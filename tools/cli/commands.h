@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cli/connection.h"
+#include "cli/live_view.h"
 #include "cli/reception.h"
 #include "record/recording.h"
 #include "record/svg_plot.h"
@@ -30,12 +31,24 @@ struct StreamOptions {
     bool json = false;
 };
 
+struct ViewOptions {
+    ViewOptions() {
+        reception.keepGoing = true;  // who watches wants to see them come back
+        reception.pause = kViewPause;
+    }
+    Choice choice;
+    ReceptionOptions reception;
+    ViewSettings view;
+};
+
 struct RecordOptions {
     Choice choice;
     ReceptionOptions reception;
     record::Options recording;
     double maxLoss = 5;  ///< per cent
     std::vector<Mark> marks;
+    bool view = false;  ///< show it meanwhile
+    ViewSettings viewSettings;
 };
 
 struct PlotOptions {
@@ -68,6 +81,7 @@ void findCommand(const FindOptions& options, Reporter& reporter);
 void scanCommand(const ScanOptions& options, Reporter& reporter);
 void streamCommand(const StreamOptions& options, Reporter& reporter);
 void recordCommand(const RecordOptions& options, Reporter& reporter);
+void viewCommand(const ViewOptions& options, Reporter& reporter);
 void plotCommand(const PlotOptions& options, Reporter& reporter);
 void sendCommand(const SendOptions& options, Reporter& reporter);
 void resetCommand(const ResetOptions& options, Reporter& reporter);

@@ -61,7 +61,7 @@ void Reception::run(const Sink& sink) {
     std::vector<Record> records(kBatch);
     const Notice notice = [this](const std::string& text) { reporter_.say(text); };
     while (!options_.seconds || seconds() < *options_.seconds) {
-        const Batch batch = connection_.dongle().read(records, records.size(), kTick, &userStop());
+        const Batch batch = connection_.dongle().read(records, records.size(), options_.pause, &userStop());
         watch_.take(batch.records, notice);
         anyData_ |= std::any_of(batch.records.begin(), batch.records.end(),
                                 [](const Record& record) { return record.kind == VELMORA_RAW; });

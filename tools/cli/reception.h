@@ -1,6 +1,7 @@
 // The time from the first packet to the last: what stream and record have in common.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <future>
 #include <optional>
@@ -14,14 +15,15 @@
 namespace velmora::cli {
 
 struct ReceptionOptions {
-    std::optional<double> seconds;  ///< nothing: until Ctrl-C
-    bool keepGoing = false;         ///< connect again after a restart, an unplugging or a silence
+    std::optional<double> seconds;         ///< nothing: until Ctrl-C
+    bool keepGoing = false;                ///< connect again after a restart, an unplugging or a silence
+    std::chrono::milliseconds pause{100};  ///< for how long records are collected before they are handed on
 };
 
 /// Where records go. Both may throw, which ends the reception.
 struct Sink {
     std::function<void(std::span<const Record>)> take;
-    std::function<void()> tick;  ///< about ten times a second, whatever happens
+    std::function<void()> tick;  ///< about ten times a second or more often, whatever happens
 };
 
 class Reception {

@@ -41,25 +41,39 @@ std::string marksText(const std::vector<Mark>& marks) {
 /// A recording with what is told of it on the way.
 class Recorder {
   public:
-    Recorder(const RecordOptions& options, Reception& reception, Reporter& reporter)
+    /// `view`: null when nobody looks on.
+    Recorder(const RecordOptions& options, Reception& reception, Reporter& reporter, LiveView* view)
         : options_(options),
           reception_(reception),
           reporter_(reporter),
+          view_(view),
           recording_(options.recording, headsetsOf(reception), startOf(reception), record::systemFiles(),
                      velmora_version(), velmora_version(),
                      [&reporter](const std::string& text) { reporter.warn(text); }),
           keyboard_(options.marks.empty() ? nullptr : std::make_unique<Keyboard>()) {}
 
-    void take(std::span<const Record> records) { recording_.take(records); }
+    void take(std::span<const Record> records) {
+        recording_.take(records);
+        if (view_ != nullptr) {
+            view_->take(records);
+        }
+    }
 
     void tick() {
         while (const auto key = keyboard_ ? keyboard_->poll() : std::nullopt) {
             for (const Mark& mark : options_.marks) {
                 if (mark.key == *key) {
-                    recording_.mark(velmora_now(), mark.text);
-                    reporter_.say("marked at " + timeText(reception_.seconds()) + ": " + mark.text);
+                    write(mark);
                 }
             }
+        }
+        if (view_ != nullptr) {
+            while (const auto number = view_->nextMark()) {
+                if (*number < options_.marks.size()) {
+                    write(options_.marks[*number]);
+                }
+            }
+            view_->tick(reception_);
         }
         recording_.tick(velmora_now());
         if (const auto unusual = recording_.unusualRates(); !unusual.empty()) {
@@ -88,6 +102,15 @@ class Recorder {
     }
 
   private:
+    void write(const Mark& mark) {
+        const std::int64_t time = velmora_now();
+        recording_.mark(time, mark.text);
+        reporter_.say("marked at " + timeText(reception_.seconds()) + ": " + mark.text);
+        if (view_ != nullptr) {
+            view_->marked(time, mark.text);
+        }
+    }
+
     void showProgress() {
         const double seconds = reception_.seconds();
         if (seconds < due_) {
@@ -108,6 +131,7 @@ class Recorder {
     const RecordOptions& options_;
     Reception& reception_;
     Reporter& reporter_;
+    LiveView* const view_;
     Recording recording_;
     const std::unique_ptr<Keyboard> keyboard_;
     double due_ = 0.5;
@@ -115,15 +139,29 @@ class Recorder {
 
 }  // namespace
 
-void recordCommand(const RecordOptions& options, Reporter& reporter) {
+void recordCommand(const RecordOptions& given, Reporter& reporter) {
+    RecordOptions options = given;
+    if (options.view) {
+        options.reception.pause = kViewPause;
+        if (options.marks.empty()) {
+            options.marks.push_back({'m', "mark"});
+        }
+    }
     try {
         // Before anything is connected: a name that cannot be used shall cost nothing.
         record::systemFiles().check(options.recording.target.base + ".json",
                                     options.recording.force ? record::IfExists::Overwrite : record::IfExists::Refuse);
+        std::optional<LiveView> view;
+        if (options.view) {
+            view.emplace(options.viewSettings, reporter);
+        }
         Connection connection(options.choice.port, reporter);
         connection.connect(options.choice);
         Reception reception(connection, reporter, options.reception);
-        Recorder recorder(options, reception, reporter);
+        if (view) {
+            view->begin(reception, options.reception.keepGoing, true, options.marks);
+        }
+        Recorder recorder(options, reception, reporter, view ? &*view : nullptr);
         std::optional<Failure> failure;
         try {
             reception.run({[&](std::span<const Record> records) { recorder.take(records); }, [&] { recorder.tick(); }});
@@ -131,6 +169,9 @@ void recordCommand(const RecordOptions& options, Reporter& reporter) {
             failure = problem;
         } catch (const record::FileError& problem) {
             failure = Failure(kNoOutput, problem.what());
+        }
+        if (view) {
+            view->end(failure ? failure->what() : "the recording has ended");
         }
         try {
             recorder.finish();

@@ -1,0 +1,17 @@
+# Boost.Beast serves the live view. Its headers reach the cross build through a link of their own, as CLI11's do. Without
+# Boost, or with one that is too old for C++20, there is no target velmora::boost.
+find_path(VELMORA_BOOST_FOLDER boost/beast.hpp PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH)
+if(VELMORA_BOOST_FOLDER)
+    file(STRINGS ${VELMORA_BOOST_FOLDER}/boost/version.hpp version REGEX "^#define BOOST_VERSION ")
+    string(REGEX REPLACE "[^0-9]" "" version "${version}")
+    if(version GREATER_EQUAL 108100)
+        file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/boost)
+        file(CREATE_LINK ${VELMORA_BOOST_FOLDER}/boost ${CMAKE_BINARY_DIR}/boost/boost SYMBOLIC)
+        add_library(velmora_boost INTERFACE)
+        add_library(velmora::boost ALIAS velmora_boost)
+        if(WIN32)
+            target_compile_definitions(velmora_boost INTERFACE _WIN32_WINNT=0x0A00)
+        endif()
+        target_include_directories(velmora_boost SYSTEM INTERFACE ${CMAKE_BINARY_DIR}/boost)
+    endif()
+endif()
