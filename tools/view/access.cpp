@@ -67,12 +67,12 @@ std::string Access::cookieField(std::string_view value) const {
     return name_ + "=" + std::string(value) + "; Path=/; HttpOnly; SameSite=Strict";
 }
 
-std::optional<std::string_view> tokenOf(std::string_view target) {
-    constexpr std::string_view kStart = "/?token=";
-    if (!target.starts_with(kStart)) {
+std::optional<std::string_view> tokenOf(std::string_view target, std::string_view path) {
+    constexpr std::string_view kName = "?token=";
+    if (!target.starts_with(path) || !target.substr(path.size()).starts_with(kName)) {
         return std::nullopt;
     }
-    return target.substr(kStart.size());
+    return target.substr(path.size() + kName.size());
 }
 
 bool hostIsOurs(std::string_view host, std::string_view address, bool loopback, std::uint16_t port) {

@@ -32,8 +32,8 @@ class Access {
     std::deque<std::string> sessions_;
 };
 
-/// The value of "token" in a request's target.
-std::optional<std::string_view> tokenOf(std::string_view target);
+/// The value of "token" in a request's target, when that is this path with a token and nothing else.
+std::optional<std::string_view> tokenOf(std::string_view target, std::string_view path);
 
 /// Whether the Host field names the very address that the connection came to. A name that somebody else's server gave
 /// for this address is refused: so a foreign page would get in.

@@ -12,7 +12,7 @@ namespace velmora::view {
 class Outbox {
   public:
     /// Rare messages still find room when batches no longer do.
-    static constexpr std::size_t kMostBytes = 1U << 20U;
+    static constexpr std::size_t kMostBytes = 512 * 1024;  // some seconds of a full line
     static constexpr std::size_t kMostBytesOfBatches = kMostBytes * 3 / 4;
 
     void put(const SharedMessage& message) {

@@ -311,26 +311,25 @@ class BeastServer final : public Server {
         if (request.method() != http::verb::get && request.method() != http::verb::head) {
             return text(http::status::method_not_allowed, "GET and HEAD only.");
         }
-        const std::string_view target = view(request.target());
         const bool known = access_.admits(view(request[http::field::cookie]));
-        if (const auto token = tokenOf(target); token && request.method() == http::verb::get) {
-            const auto session = access_.exchange(*token);
+        return websocket::is_upgrade(request) ? answerStream(view(request.target()), known)
+                                              : answerPage(view(request.target()), known);
+    }
+
+    Response answerPage(std::string_view target, bool known) {
+        if (const auto token = tokenOf(target, "/")) {
+            const auto session = exchange(*token);
             if (session || known) {
                 Response response{http::status::see_other, 11};
                 response.set(http::field::location, "/");
                 if (session) {
                     response.set(http::field::set_cookie, access_.cookieField(*session));
-                    feed_.notify(addressWithToken());
                 }
                 return response;
             }
         }
         if (!known) {
-            return text(http::status::forbidden,
-                        "This address is good for one browser, once. velmora has printed another one since.");
-        }
-        if (websocket::is_upgrade(request)) {
-            return target == "/stream" ? welcome() : text(http::status::not_found, "There is no such stream.");
+            return stranger();
         }
         for (const PageFile& file : pageFiles()) {
             if (file.path == target) {
@@ -343,12 +342,37 @@ class BeastServer final : public Server {
         return text(http::status::not_found, "There is nothing here.");
     }
 
-    Response welcome() const {
-        if (viewers_.size() >= options_.clients) {
+    /// Programs that are no browsers may bring the token along, and need no cookie then.
+    Response answerStream(std::string_view target, bool known) {
+        constexpr std::string_view kPath = "/stream";
+        const auto token = tokenOf(target, kPath);
+        if (!known && !token) {
+            return stranger();
+        }
+        if (!token && target != kPath) {
+            return text(http::status::not_found, "There is no such stream.");
+        }
+        if (viewers_.size() >= options_.clients) {  // before the token is used up
             return text(http::status::service_unavailable,
                         "As many look on as may (--clients); close another page first.");
         }
+        if (!known && !exchange(*token)) {
+            return stranger();
+        }
         return {http::status::switching_protocols, 11};
+    }
+
+    std::optional<std::string> exchange(std::string_view token) {
+        auto session = access_.exchange(token);
+        if (session) {
+            feed_.notify(addressWithToken());
+        }
+        return session;
+    }
+
+    static Response stranger() {
+        return text(http::status::forbidden,
+                    "This address is good for one browser, once. velmora has printed another one since.");
     }
 
     /// A viewer, from its request to its end.
