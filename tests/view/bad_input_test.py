@@ -168,8 +168,7 @@ def check_numbers(server, setting, limit):
             crowd.append(Connection(server.url))
         except OSError:
             pass  # refused
-    refused = sum(connection.send(b"GET").head()[0] in (0, 503) for connection in crowd[::50])
-    assert refused > 0
+    assert any(connection.head()[0] == 503 for connection in crowd[100::100]), "nobody of a thousand is refused"
     for connection in crowd:
         connection.close()
     eventually(lambda: server.request()[0] == 200, "the page after the crowd has gone")

@@ -62,8 +62,9 @@ class Setting:
         return self
 
     def plug(self, *arguments):
-        self.dongle = Program(self.folder, "dongle", self.dongle_path, "--link", self.port, "--scan-duration", "100",
-                              "--connect-duration", "20", *arguments)
+        for name, value in (("--scan-duration", "100"), ("--connect-duration", "20")):
+            arguments += () if name in arguments else (name, value)
+        self.dongle = Program(self.folder, "dongle", self.dongle_path, "--link", self.port, *arguments)
         self.programs.append(self.dongle)
         self.dongle.says("ready on")
 

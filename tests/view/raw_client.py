@@ -2,6 +2,7 @@
 import os
 import socket
 import struct
+import time
 from urllib.parse import urlsplit
 
 
@@ -61,13 +62,17 @@ class Connection:
         return opcode, payload
 
     def closed_with(self):
-        """The code with which the other end closes; 0 when it does so without one."""
-        while True:
+        """The code with which the other end closes; 0 when it does so without one, None when it does not."""
+        deadline = time.monotonic() + 45  # longer than silence is borne
+        while time.monotonic() < deadline:
             opcode, payload = self.frame()
+            if opcode == 9:
+                self.send(frame(payload, opcode=10))
             if opcode is None:
                 return 0
             if opcode == 8:
                 return int.from_bytes(payload[:2], "big") if payload else 0
+        return None
 
     def close(self):
         self.socket.close()

@@ -1,11 +1,10 @@
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
 #include "cli/live_view.h"
-
-extern char** environ;
 
 namespace velmora::cli {
 

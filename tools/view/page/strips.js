@@ -198,6 +198,7 @@ export class Strips {
         this.time = time;
         ctx.lineWidth = Math.max(1, this.ratio);
         ctx.lineJoin = "bevel";
+        ctx.lineCap = "round"; // or the seams between two pictures would be seen
         this.pitch = height / Math.max(1, strips.length);
         let rescaled = false;
         ctx.beginPath();
@@ -271,8 +272,10 @@ export class Strips {
     strip(channel, row, from, time, whole) {
         const top = row * this.pitch;
         const middle = top + this.pitch / 2;
+        const oldest = whole ? from : time - this.window * (1 - 2 * BLANK);
         if (whole || channel.drawnTo === null) {
-            channel.drawnTo = Math.max(channel.first, Math.ceil(channel.at(from)));
+            // A channel that is new begins on the screen with all that has come of it.
+            channel.drawnTo = Math.max(channel.first, Math.ceil(channel.at(oldest)));
             channel.penX = null;
             channel.shadedTo = null;
         }
@@ -293,7 +296,7 @@ export class Strips {
         // Nothing has come for a while.
         const dataEnd = channel.timeOf(channel.end);
         if (time - dataEnd > LATE) {
-            const start = Math.max(channel.shadedTo ?? dataEnd, from);
+            const start = Math.max(channel.shadedTo ?? dataEnd, oldest);
             this.shade(start, time, top, this.away ? "away" : "waiting");
             channel.shadedTo = time;
             channel.penX = null;
@@ -404,7 +407,8 @@ export class Strips {
         ctx.font = `${11 * this.ratio}px system-ui, sans-serif`;
         ctx.textBaseline = "top";
         const size = ctx.measureText(mark.text).width;
-        const room = this.canvas.width - x > size + 6 * this.ratio;
-        ctx.fillText(mark.text, room ? x + 3 * this.ratio : x - size - 3 * this.ratio, 2 * this.ratio);
+        // On its left where there is room: the sweep is about to empty what is on its right.
+        const room = x > size + 6 * this.ratio;
+        ctx.fillText(mark.text, room ? x - size - 3 * this.ratio : x + 3 * this.ratio, 2 * this.ratio);
     }
 }

@@ -326,6 +326,8 @@ window.velmora = {
             centre: channel.centre, span: channel.span,
         })));
     },
+    ends: (address) => [...page.headsets.values()].find((one) => one.address === address)
+        .channels.map((channel) => channel.end),
     /** Where a sample is drawn, in the canvas's pixels. */
     place(address, number, sample) {
         const headset = [...page.headsets.values()].find((one) => one.address === address);
