@@ -76,7 +76,8 @@ group_usage() {
     for wrong in "" "stream --seconds soon" "stream --all XAI-01" "stream --no-scan 1" "stream XAI-01 --no-scan 1" \
         "send XAI-01" "send --index 16 -c 1" "send --index 1 --all -c 1" "send -c 1 --payload 0102030405" \
         "scan --port=" "record" "record --output=" "record -o -" "record -o folder/" "record -o a --mark b" \
-        "record -o a --rate 0.1" "record -o a --unit too_long_a_unit" "plot a.edf --output="; do
+        "record -o a --rate 0.1" "record -o a --unit too_long_a_unit" "plot a.edf --output=" "view --clients 0" \
+        "view --port-http 65536" "record -o a --clients 2"; do
         # shellcheck disable=SC2086
         expect 2 "$velmora" $wrong
     done

@@ -108,7 +108,12 @@ void addViewSettings(CLI::App& app, ViewSettings& settings) {
         ->type_name("ADDRESS")
         ->capture_default_str();
     addNumber(app, "--clients", 64, "How many may look on at the same time; 8 unless said otherwise",
-              [&settings](std::uint32_t clients) { settings.server.clients = clients; });
+              [&settings](std::uint32_t clients) {
+                  if (clients == 0) {
+                      throw CLI::ValidationError("--clients", "somebody has to be allowed to look on");
+                  }
+                  settings.server.clients = clients;
+              });
     app.add_flag_callback(
         "--no-browser", [&settings] { settings.browser = false; },
         "Only print the address, and leave the browser closed");

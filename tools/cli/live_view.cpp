@@ -22,6 +22,9 @@ LiveView::LiveView(const ViewSettings& settings, Reporter& reporter)
     : reporter_(reporter), server_(start(settings.server, feed_)) {
     if (server_->open()) {
         reporter_.warn("everybody in the network who gets the address below can look on, and nothing is encrypted");
+        if (settings.server.listen == "0.0.0.0" || settings.server.listen == "::") {
+            reporter_.warn("on another machine, put the address of this one in place of the first part");
+        }
     }
     reporter_.warn("live view: " + server_->address());
     if (settings.browser && !openBrowser(server_->address())) {

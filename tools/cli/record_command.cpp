@@ -151,11 +151,11 @@ void recordCommand(const RecordOptions& given, Reporter& reporter) {
         // Before anything is connected: a name that cannot be used shall cost nothing.
         record::systemFiles().check(options.recording.target.base + ".json",
                                     options.recording.force ? record::IfExists::Overwrite : record::IfExists::Refuse);
+        Connection connection(options.choice.port, reporter);
         std::optional<LiveView> view;
         if (options.view) {
             view.emplace(options.viewSettings, reporter);
         }
-        Connection connection(options.choice.port, reporter);
         connection.connect(options.choice);
         Reception reception(connection, reporter, options.reception);
         if (view) {
