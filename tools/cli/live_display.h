@@ -8,6 +8,8 @@
 
 namespace velmora::cli {
 
+inline constexpr double kRedrawSeconds = 0.25;
+
 class LiveDisplay {
   public:
     /// Takes away the last `count` lines; the next one is written where the first of them was.

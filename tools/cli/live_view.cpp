@@ -50,7 +50,7 @@ void LiveView::begin(const Reception& reception, bool goesOn, bool recording, co
 
 void LiveView::tick(Reception& reception) {
     while (const auto address = feed_.nextNotice()) {
-        reporter_.say("live view, for one more browser: " + *address);
+        reporter_.warn("live view, for one more browser: " + *address);
     }
     const std::int64_t now = velmora_now();
     if (now - due_ < kStatusPause) {

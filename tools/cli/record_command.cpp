@@ -12,8 +12,7 @@
 namespace velmora::cli {
 namespace {
 
-constexpr double kRedrawSeconds = 0.25;
-constexpr double kPrintSeconds = 10;
+constexpr double kProgressSeconds = 10;
 
 using record::Recording;
 
@@ -116,7 +115,7 @@ class Recorder {
         if (seconds < due_) {
             return;
         }
-        due_ = seconds + (reporter_.showsTable() ? kRedrawSeconds : kPrintSeconds);
+        due_ = seconds + (reporter_.showsTable() ? kRedrawSeconds : kProgressSeconds);
         const record::Progress progress = recording_.progress();
         const std::string line =
             progressLine(progress, seconds, record::freeBytes(options_.recording.target.base + ".json"),

@@ -8,7 +8,6 @@
 namespace velmora::cli {
 namespace {
 
-constexpr double kRedrawSeconds = 0.25;
 constexpr double kPrintSeconds = 1;
 
 /// The state of the headsets: redrawn on a terminal, printed once a second elsewhere.

@@ -9,6 +9,9 @@
 #include <stdexcept>
 #include <thread>
 #include <utility>
+#ifndef _WIN32
+#include <fcntl.h>
+#endif
 
 #include "view/access.h"
 #include "view/outbox.h"
@@ -146,8 +149,9 @@ class BeastServer final : public Server {
         const tcp::endpoint endpoint(address, options.port);
         acceptor.open(endpoint.protocol(), error);
 #ifndef _WIN32
-        // On Windows this would let another program take the port from us.
         if (!error) {
+            ::fcntl(acceptor.native_handle(), F_SETFD, FD_CLOEXEC);  // a browser that outlives us would keep it open
+            // On Windows this would let another program take the port from us.
             acceptor.set_option(net::socket_base::reuse_address(true), error);
         }
 #endif
@@ -380,7 +384,13 @@ class BeastServer final : public Server {
         stream.expires_never();
         stream.socket().set_option(net::socket_base::send_buffer_size(kMostKernelBuffer), ignored_);
         const auto viewer = std::make_shared<Viewer>(std::move(stream), io_);
-        viewers_.insert(viewer);  // now, so that it counts while it shakes hands
+        for (const SharedMessage& message : {hello_, status_, ended_}) {
+            if (message) {
+                viewer->put(message);
+            }
+        }
+        viewers_.insert(
+            viewer);  // now, so that it counts while it shakes hands; what comes meanwhile waits behind hello
         feed_.setWatched(true);
         viewer->socket.set_option(websocket::stream_base::timeout{kRequestTime, kIdleTime, true});
         viewer->socket.read_message_max(kMostMessage);
@@ -393,11 +403,6 @@ class BeastServer final : public Server {
         });
         const auto [error] = co_await viewer->socket.async_accept(request, kResult);
         if (!error) {
-            for (const SharedMessage& message : {hello_, status_, ended_}) {
-                if (message) {
-                    viewer->put(message);
-                }
-            }
             spawn(write(viewer));
             co_await read(viewer);
         }
