@@ -247,7 +247,7 @@ group_full() {
 # With --keep-going streams and recordings outlast unpluggings and restarts.
 keeps_going() {
     plug --channels 2 --rate 500 --packing single --account account "$@"
-    expect 0 "$velmora" "$what" --port "$port" --all --seconds 6 --keep-going "${options[@]}"
+    expect 0 "$velmora" "$what" --port "$port" --all --seconds 8 --keep-going "${options[@]}"
     holds err "this goes on as soon as they are back" "connected again"
 }
 group_keep_going() {
