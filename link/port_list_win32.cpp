@@ -5,6 +5,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/windows_text.h"
 #include "link/port_list.h"
 #include "link/port_names.h"
 #include "link/usb_instance_id_win32.h"
@@ -76,10 +77,10 @@ void addNamed(Ports& ports) {
 }
 
 std::string property(HDEVINFO devices, SP_DEVINFO_DATA& device, DWORD which) {
-    std::array<char, 512> text{};
-    SetupDiGetDeviceRegistryPropertyA(devices, &device, which, nullptr, reinterpret_cast<BYTE*>(text.data()),
-                                      static_cast<DWORD>(text.size() - 1), nullptr);
-    return text.data();
+    std::array<wchar_t, 512> text{};
+    SetupDiGetDeviceRegistryPropertyW(devices, &device, which, nullptr, reinterpret_cast<BYTE*>(text.data()),
+                                      static_cast<DWORD>((text.size() - 1) * sizeof text[0]), nullptr);
+    return utf8(text.data());
 }
 
 std::string portName(HDEVINFO devices, SP_DEVINFO_DATA& device) {

@@ -1,7 +1,5 @@
 #include "session/environment.h"
 
-#include <system_error>
-
 #include "base/never_destroyed.h"
 #include "link/port_list.h"
 #include "link/port_names.h"
@@ -25,8 +23,8 @@ std::string plainPath(const std::string& path) {
     return path.starts_with(kxorbeta_if::kPortPrefix) ? path.substr(kxorbeta_if::kPortPrefix.size()) : path;
 }
 
-std::string systemText(int code) {
-    return code != 0 ? " (" + std::system_category().message(code) + ")" : "";
+std::string reason(int code) {
+    return code != 0 ? " (" + systemText(code) + ")" : "";
 }
 
 Outcome openFailure(Port::Result result, int code, const std::string& path, const Environment& environment) {
@@ -37,7 +35,7 @@ Outcome openFailure(Port::Result result, int code, const std::string& path, cons
     }
     if (result != Port::kOpenFailed) {
         return failure(VELMORA_FAILED,
-                       path + " refuses the dongle's line settings" + systemText(code) + "; it is no port of a dongle.",
+                       path + " refuses the dongle's line settings" + reason(code) + "; it is no port of a dongle.",
                        code);
     }
     for (const velmora_port& port : environment.listPorts(Environment::Holders::kLook)) {
@@ -47,14 +45,14 @@ Outcome openFailure(Port::Result result, int code, const std::string& path, cons
     }
     switch (statusOfOpenError(code)) {
         case VELMORA_FORBIDDEN:
-            return failure(VELMORA_FORBIDDEN, "This user may not open " + path + systemText(code) + ".", code);
+            return failure(VELMORA_FORBIDDEN, "This user may not open " + path + reason(code) + ".", code);
         case VELMORA_HELD:
             return failure(
                 VELMORA_HELD,
                 "Another program holds " + path + "; which one cannot be seen from here. Close it and try again.",
                 code);
         default:
-            return failure(VELMORA_FAILED, "The system does not open " + path + systemText(code) + ".", code);
+            return failure(VELMORA_FAILED, "The system does not open " + path + reason(code) + ".", code);
     }
 }
 

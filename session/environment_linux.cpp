@@ -21,6 +21,10 @@ velmora_status statusOfOpenError(int code) {
     }
 }
 
+std::string systemText(int code) {
+    return std::system_category().message(code);
+}
+
 bool samePort(const std::string& a, const std::string& b) {
     const auto resolved = [](const std::string& name) {
         const std::filesystem::path file = kxorbeta_if::deviceFile(name, kxorbeta_if::SerialPort::kDeviceFolder);

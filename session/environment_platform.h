@@ -10,6 +10,9 @@ namespace velmora {
 /// VELMORA_FAILED.
 velmora_status statusOfOpenError(int code);
 
+/// What the system says of one of its codes.
+std::string systemText(int code);
+
 /// Whether two names mean the same port: a path, a link to it, a name without a folder or with the prefix for devices.
 bool samePort(const std::string& a, const std::string& b);
 

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "base/windows_text.h"
 #include "link/port_names.h"
 #include "session/environment_platform.h"
 
@@ -10,6 +11,10 @@ namespace velmora {
 velmora_status statusOfOpenError(int code) {
     // A serial port has one owner at a time and no other permissions worth speaking of.
     return code == ERROR_ACCESS_DENIED || code == ERROR_SHARING_VIOLATION ? VELMORA_HELD : VELMORA_FAILED;
+}
+
+std::string systemText(int code) {
+    return kxorbeta_if::systemText(static_cast<unsigned long>(code));
 }
 
 bool samePort(const std::string& a, const std::string& b) {

@@ -5,18 +5,11 @@
 #include <iostream>
 #include <streambuf>
 
+#include "base/windows_text.h"
 #include "cli/terminal.h"
 
 namespace velmora::cli {
 namespace {
-
-std::string utf8(const wchar_t* text) {
-    const int size = ::WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    std::string result(static_cast<std::size_t>(size > 0 ? size : 1), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, text, -1, result.data(), size, nullptr, nullptr);
-    result.pop_back();  // the zero byte
-    return result;
-}
 
 /// Shows UTF-8 on a console, a line or more in each call: the C library hands it over byte by byte, which cuts letters
 /// to pieces and lets a table flicker.
@@ -34,13 +27,11 @@ class ConsoleBuffer final : public std::streambuf {
         return xsputn(&letter, 1) == 1 ? c : traits_type::eof();
     }
     int sync() override {
-        const auto bytes = static_cast<int>(waiting_.size());
-        std::wstring wide(waiting_.size(), L'\0');
-        const int letters = ::MultiByteToWideChar(CP_UTF8, 0, waiting_.data(), bytes, wide.data(), bytes);
+        const std::wstring letters = kxorbeta_if::wide(waiting_);
         waiting_.clear();
         DWORD written = 0;
-        return letters == 0 ||
-                       ::WriteConsoleW(console_, wide.data(), static_cast<DWORD>(letters), &written, nullptr) != 0
+        return letters.empty() || ::WriteConsoleW(console_, letters.data(), static_cast<DWORD>(letters.size()),
+                                                  &written, nullptr) != 0
                    ? 0
                    : -1;
     }
@@ -97,7 +88,7 @@ std::vector<std::string> programArguments(int, char**) {
     int count = 0;
     if (LPWSTR* const wide = ::CommandLineToArgvW(::GetCommandLineW(), &count)) {
         for (int i = 1; i < count; ++i) {
-            arguments.push_back(utf8(wide[i]));
+            arguments.push_back(kxorbeta_if::utf8(wide[i]));
         }
         ::LocalFree(wide);
     }

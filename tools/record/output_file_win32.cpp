@@ -1,40 +1,21 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
+#include "base/windows_text.h"
 #include "record/output_file.h"
 
 namespace velmora::record {
 
 namespace {
 
+using kxorbeta_if::systemText;
+using kxorbeta_if::wide;
 using Reason = FileError::Reason;
 
 // Not in MinGW's headers.
 constexpr DWORD kDiskQuotaExceeded = 1295;
-
-std::wstring wide(const std::string& text) {
-    const int size = ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring result(static_cast<std::size_t>(size), L'\0');
-    ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), result.data(), size);
-    return result;
-}
-
-std::string systemText(DWORD code) {
-    std::array<wchar_t, 256> text{};
-    const DWORD size = ::FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0,
-                                        text.data(), static_cast<DWORD>(text.size()), nullptr);
-    std::array<char, 1024> utf8{};
-    const int bytes = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(size), utf8.data(),
-                                            static_cast<int>(utf8.size()), nullptr, nullptr);
-    std::string result(utf8.data(), static_cast<std::size_t>(bytes));
-    while (!result.empty() && (result.back() == '\n' || result.back() == '\r' || result.back() == ' ')) {
-        result.pop_back();
-    }
-    return result.empty() ? "Windows error " + std::to_string(code) : result;
-}
 
 [[noreturn]] void fail(const std::string& path, const char* act, DWORD code) {
     const std::string front = path + " cannot be " + act + ": ";
