@@ -218,6 +218,10 @@ void addRecord(CLI::App& command, RecordOptions& options, bool& quiet) {
         if (!mark) {
             throw CLI::ValidationError("--mark", text + " is not a key and a text, such as b=blink");
         }
+        if (std::any_of(options.marks.begin(), options.marks.end(),
+                        [&mark](const Mark& other) { return other.key == mark->key; })) {
+            throw CLI::ValidationError("--mark", text + " has a key that another mark has already");
+        }
         options.marks.push_back(*mark);
     };
     command

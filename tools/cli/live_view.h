@@ -40,8 +40,6 @@ class LiveView {
     void end(const std::string& text);
 
   private:
-    void tell(const std::string& address);
-
     Reporter& reporter_;
     view::Feed feed_;
     std::unique_ptr<view::Server> server_;

@@ -136,6 +136,38 @@ class Recorder {
     double due_ = 0.5;
 };
 
+/// From connecting to the closed files.
+void recordData(const RecordOptions& options, Connection& connection, Reporter& reporter, LiveView* view) {
+    connection.connect(options.choice);
+    Reception reception(connection, reporter, options.reception);
+    if (view != nullptr) {
+        view->begin(reception, options.reception.keepGoing, true, options.marks);
+    }
+    Recorder recorder(options, reception, reporter, view);
+    std::optional<Failure> failure;
+    try {
+        reception.run({[&](std::span<const Record> records) { recorder.take(records); }, [&] { recorder.tick(); }});
+    } catch (const Failure& problem) {
+        failure = problem;
+    } catch (const record::FileError& problem) {
+        failure = Failure(kNoOutput, problem.what());
+    }
+    try {
+        recorder.finish();
+    } catch (const record::FileError&) {
+        if (!failure) {
+            throw;
+        }
+    }
+    if (failure) {
+        throw *failure;
+    }
+    if (view != nullptr) {
+        view->end("the recording has ended");
+    }
+    checkLosses(reception.views(), options.maxLoss);
+}
+
 }  // namespace
 
 void recordCommand(const RecordOptions& given, Reporter& reporter) {
@@ -155,34 +187,14 @@ void recordCommand(const RecordOptions& given, Reporter& reporter) {
         if (options.view) {
             view.emplace(options.viewSettings, reporter);
         }
-        connection.connect(options.choice);
-        Reception reception(connection, reporter, options.reception);
-        if (view) {
-            view->begin(reception, options.reception.keepGoing, true, options.marks);
-        }
-        Recorder recorder(options, reception, reporter, view ? &*view : nullptr);
-        std::optional<Failure> failure;
         try {
-            reception.run({[&](std::span<const Record> records) { recorder.take(records); }, [&] { recorder.tick(); }});
-        } catch (const Failure& problem) {
-            failure = problem;
-        } catch (const record::FileError& problem) {
-            failure = Failure(kNoOutput, problem.what());
-        }
-        if (view) {
-            view->end(failure ? failure->what() : "the recording has ended");
-        }
-        try {
-            recorder.finish();
-        } catch (const record::FileError&) {
-            if (!failure) {
-                throw;
+            recordData(options, connection, reporter, view ? &*view : nullptr);
+        } catch (const std::exception& problem) {
+            if (view) {
+                view->end(problem.what());
             }
+            throw;
         }
-        if (failure) {
-            throw *failure;
-        }
-        checkLosses(reception.views(), options.maxLoss);
     } catch (const record::FileError& problem) {
         throw Failure(kNoOutput, problem.what());
     }
