@@ -3,6 +3,7 @@ import csv
 import math
 import os
 import shutil
+import signal as signal_numbers
 import subprocess
 import sys
 import time
@@ -34,7 +35,6 @@ TRACE = """(async () => {
     const [address, number] = %s;
     dispatchEvent(new Event("resize"));  // a whole new picture: paused, its scale may have been about to change
     for (let i = 0; i < 3; ++i) await new Promise(requestAnimationFrame);
-    const { centre, span } = velmora.channels().find((one) => one.address === address && one.channel === number);
     const end = Math.max(...velmora.ends(address));
     const card = [...document.querySelectorAll(".card")].find((one) => one.headset.address === address);
     const canvas = card.querySelector("canvas");
@@ -44,7 +44,7 @@ TRACE = """(async () => {
     for (let sample = Math.max(0, end - %d); sample < end; sample += 5) {
         const place = velmora.place(address, number, sample);
         if (!place.onScreen) continue;
-        const y = place.top + place.height / 2 - (place.value - centre) * (place.height / 2 - 0.5) / span;
+        const y = place.top + place.height / 2 - (place.value - place.centre) * (place.height / 2 - 0.5) / place.span;
         let nearest = 1e9;
         for (let dx = -3; dx <= 3; ++dx) {
             for (let dy = -6; dy <= 6; ++dy) {
@@ -94,7 +94,12 @@ def test_shows_every_packet_and_every_loss(browser, setting):
     page.sees("document.querySelector('.rate').textContent === '250/s'", "the rate")
     page.sees("/bat. \\d+/.test(document.querySelector('.battery').textContent)", "the battery")
     setting.dongle.end()
-    page.sees("/is gone/.test(document.getElementById('banner').textContent)", "that the dongle is gone")
+    gone = "/is gone/.test(document.getElementById('banner').textContent)"
+    page.sees(gone, "that the dongle is gone")
+    latecomer = browser.page()
+    latecomer.open(setting.address())
+    latecomer.sees(gone, "what happened before this page came")
+    page.to_front()
     whole, lost = account(setting.folder)
     for channel in channels(page):
         key = channel["address"], channel["channel"]
@@ -129,19 +134,30 @@ def test_shows_every_packet_and_every_loss(browser, setting):
 
 
 def test_pauses_and_goes_on(browser, setting):
-    setting.plug("--headsets", "1", "--channels", "4", "--rate", "500", "--quiet")
+    setting.plug("--headsets", "1", "--channels", "1", "--rate", "20000", "--quiet")
     page = browser.page()
-    page.open(setting.serve("view"))
-    page.sees("velmora.channels().some((one) => one.drawn > 500)", "data")
+    page.open(setting.serve("view", "--clients", "1"))
+    page.sees("velmora.channels().some((one) => one.drawn > 50000)", "data")
+    page.press("[")
+    page.press("[")
     page.press(" ")
     page.sees("velmora.state().paused && document.getElementById('state').textContent === 'paused'")
     picture = "document.querySelector('canvas').toDataURL()"
     before, packets = page.run(picture), channels(page)[0]["packets"]
     page.sees(f"velmora.channels()[0].packets > {packets + 5}", "data behind the pause")
     assert page.run(picture) == before, "paused, and yet it moves"
+    anew = f"(async () => {{ dispatchEvent(new Event('resize')); await new Promise(requestAnimationFrame); return {picture}; }})()"
+    stays = page.run(anew)
+    page.sees(f"velmora.channels()[0].packets > {packets + 1300}", "more data than a channel keeps")
+    assert page.run(anew) == stays, "what is kept is not what was on the screen"
+    another = browser.page()
+    another.open(setting.address())
+    another.sees("/As many look on as may/.test(document.getElementById('banner').textContent)", "why it gets nothing")
+    page.to_front()
     page.run("document.getElementById('pause').click()")
     eventually(lambda: page.run(picture) != before, "that it goes on")
-    page.sees("velmora.channels().every((one) => one.drawn > 2000)", "data")
+    drawn = channels(page)[0]["drawn"]
+    page.sees(f"velmora.channels()[0].drawn > {drawn + 20000}", "new data on the screen")
     assert page.run("velmora.state().skipped") == 0
     assert not page.errors, page.errors
 
@@ -163,6 +179,9 @@ def test_chooses_headsets_channels_scale_and_time(browser, setting):
     page.sees("document.getElementById('gain').value === '0' && velmora.channels()[0].span > 4000")
     page.press("[")
     page.sees("document.getElementById('seconds').value === '5'")
+    page.run("document.getElementById('seconds').focus()")
+    page.press("]")
+    page.sees("document.getElementById('seconds').value === '10'", "keys while a list has the focus")
     page.press("?")
     page.sees("document.getElementById('help').open")
     assert not page.errors, page.errors
@@ -176,6 +195,7 @@ def test_marks_reach_the_recording_and_every_page(browser, setting):
     pages[1].open(setting.velmora.says(r"one more browser: (\S+)"))
     for page in pages:
         page.sees("velmora.channels().some((one) => one.packets > 3)", "data")
+    pages[0].run("document.getElementById('gain').focus()")
     pages[0].press("b")
     pages[1].run("document.querySelectorAll('#marks button')[1].click()")
     for page in pages:
@@ -190,6 +210,18 @@ def test_marks_reach_the_recording_and_every_page(browser, setting):
             recording = file.read()
         assert recording.count(b"\x14blink\x14") == 1 and recording.count(b"\x14talk\x14") == 1
     assert "skipped" not in setting.velmora.text()
+
+
+def test_says_that_velmora_is_silent_and_goes_on(browser, setting):
+    setting.plug("--headsets", "1", "--channels", "4", "--rate", "250", "--quiet")
+    page = browser.page()
+    page.open(setting.serve("view"))
+    page.sees("velmora.channels().some((one) => one.packets > 3)", "data")
+    setting.velmora.process.send_signal(signal_numbers.SIGSTOP)
+    page.sees("/Nothing comes/.test(document.getElementById('banner').textContent)", "the silence")
+    setting.velmora.process.send_signal(signal_numbers.SIGCONT)
+    page.sees("document.getElementById('banner').hidden && velmora.state().link === 'open'", "that it goes on")
+    assert not page.errors, page.errors
 
 
 def test_says_that_the_dongle_restarts_and_goes_on(browser, setting):

@@ -43,6 +43,10 @@ class Page:
         self.call("Page.navigate", url=address)
         eventually(lambda: self.run("document.readyState") == "complete", "the page")
 
+    def to_front(self):
+        """A page that another one covers draws nothing."""
+        self.call("Page.bringToFront")
+
     def run(self, script):
         result = self.call("Runtime.evaluate", expression=script, returnByValue=True, awaitPromise=True)
         assert "exceptionDetails" not in result, result["exceptionDetails"]

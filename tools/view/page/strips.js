@@ -1,6 +1,6 @@
 // Signals and how they are drawn: a sweep, which overwrites what is a screen old.
 
-const CAPACITY = 1 << 16; // samples that are kept of a channel: half a minute and more at 2,000 a second
+const CAPACITY = 1 << 17; // samples that are kept of a channel: a minute at 2,000 a second
 const JUMP = 0.02; // seconds by which signals may be moved without being drawn anew
 const LATE = 0.4; // seconds without data after which the strip says so
 export const BLANK = 0.02; // of the width, in front of the sweep
@@ -10,6 +10,7 @@ export class Channel {
     constructor(number) {
         this.number = number;
         this.shown = true;
+        this.away = false; // its headset left, and nothing of it has come since
         this.packets = 0;
         this.missing = 0; // packets
         this.drawn = 0; // samples that the sweep has put on the screen
@@ -35,8 +36,18 @@ export class Channel {
         this.gaps = [];
     }
 
+    /** As it is now, for a picture that stays. */
+    copy() {
+        return Object.assign(Object.create(Channel.prototype), this,
+            { samples: this.samples.slice(), gaps: this.gaps.map((gap) => ({ ...gap })) });
+    }
+
+    value(sample) {
+        return this.samples[sample & (CAPACITY - 1)];
+    }
+
     /** Samples from `values`, one in `step`, beginning at `at`. */
-    take(packet, at, step, away) {
+    take(packet, at, step) {
         const { sample, time, count } = packet;
         if (this.end !== null && Math.abs(sample - this.end) > CAPACITY / 2) {
             this.forget(); // a screen ago and more: nothing of it is to be seen
@@ -46,7 +57,7 @@ export class Channel {
             this.first = sample;
             this.end = sample;
         } else if (sample > this.end) {
-            const kind = away ? "away" : packet.lost > 0 || packet.dropped > 0 ? "lost" : "skipped";
+            const kind = this.away ? "away" : packet.lost > 0 || packet.dropped > 0 ? "lost" : "skipped";
             this.gaps.push({ from: this.end, to: sample, kind });
             redraw = this.shadedTo !== null;
         } else if (sample < this.end) {
@@ -65,6 +76,7 @@ export class Channel {
         while (this.gaps.length > 0 && this.gaps[0].to < this.first) {
             this.gaps.shift();
         }
+        this.away = false;
         this.packets += 1;
         this.missing += packet.lost + packet.dropped;
         redraw = this.follow(time, count) || redraw;
@@ -139,7 +151,7 @@ export class Channel {
             if (gap < this.gaps.length && s >= this.gaps[gap].from) {
                 continue;
             }
-            const value = this.samples[s & (CAPACITY - 1)];
+            const value = this.value(s);
             least = value < least ? value : least;
             greatest = value > greatest ? value : greatest;
         }
@@ -155,12 +167,23 @@ export class Strips {
         this.channels = channels; // in order; those shown have a strip
         this.time = null; // drawn up to there
         this.dirty = true;
-        this.away = false;
+        this.kept = null; // while the picture stays: its channels, by number
         this.marks = [];
     }
 
+    /** What is on the screen stays, whatever comes, until it is let go. */
+    keep() {
+        this.kept = new Map(this.channels.map((channel) => [channel.number, channel.copy()]));
+    }
+    letGo() {
+        this.kept = null;
+        this.dirty = true;
+    }
+
+    /** The channels as they are drawn. */
     shown() {
-        return this.channels.filter((channel) => channel.shown);
+        const shown = this.channels.filter((channel) => channel.shown);
+        return this.kept ? shown.map((channel) => this.kept.get(channel.number)).filter(Boolean) : shown;
     }
 
     resize(width, height, ratio, colours) {
@@ -297,7 +320,7 @@ export class Strips {
         const dataEnd = channel.timeOf(channel.end);
         if (time - dataEnd > LATE) {
             const start = Math.max(channel.shadedTo ?? dataEnd, oldest);
-            this.shade(start, time, top, this.away ? "away" : "waiting");
+            this.shade(start, time, top, channel.away ? "away" : "waiting");
             channel.shadedTo = time;
             channel.penX = null;
         }

@@ -7,6 +7,8 @@ const MOST_STRIP = 90;
 const MANY_STRIPS = 64; // beyond, each picture shows every other headset's news: still 30 in a second
 const MOST_EVENTS = 200;
 const RECENT = 10; // seconds for which a loss counts as one of now
+const SILENCE = 5000; // milliseconds without any message, of which one comes each second
+const RETRY = [1000, 15000]; // milliseconds until the next try: the first time, and at most
 const $ = (id) => document.getElementById(id);
 const make = (tag, properties = {}, ...children) => {
     const element = Object.assign(document.createElement(tag), properties);
@@ -23,6 +25,9 @@ const page = {
     paused: false,
     trouble: null, // of the dongle
     link: "connecting", // connecting, open, closed, ended
+    lostText: null, // why it is closed
+    retry: RETRY[0],
+    heard: 0, // when the last message came
     socket: null,
     offsets: [], // [second, greatest difference between the data's clock and this page's] of the last seconds
     time: null, // shown at the sweep's head
@@ -40,7 +45,6 @@ class Headset {
         this.number = entry.number;
         this.name = entry.name || entry.address || `headset ${entry.number}`;
         this.address = entry.address;
-        this.connected = entry.connected;
         this.shown = true;
         this.channels = [];
         this.status = null;
@@ -134,27 +138,20 @@ class Headset {
         const multi = packet.channels > 1 || (packet.flags & 1) !== 0;
         let redraw = false;
         for (let i = 0; i < packet.channels; ++i) {
-            const channel = this.channel(multi ? i : packet.channel);
-            redraw = channel.take(packet, i, packet.channels, this.returning) || redraw;
-            channel.returned = true;
+            redraw = this.channel(multi ? i : packet.channel).take(packet, i, packet.channels) || redraw;
         }
-        if (this.returning && this.channels.every((channel) => channel.returned)) {
-            this.returning = false;
-        }
-        this.strips.dirty ||= redraw;
-        this.connected = true;
-        this.strips.away = false;
+        this.strips.dirty ||= redraw && !page.paused;
     }
 
     leave() {
-        this.connected = false;
-        this.strips.away = true;
-        this.returning = true;
-        this.channels.forEach((channel) => (channel.returned = false));
+        this.channels.forEach((channel) => (channel.away = true));
     }
 
     update(status, time) {
         this.status = status;
+        if (!status.connected) {
+            this.leave(); // also when that was before this page came
+        }
         if (status.fastest > 0 && status.fastest - status.slowest < status.fastest * 0.01) {
             this.channels.forEach((channel) => channel.rule((status.fastest + status.slowest) / 2, time));
         }
@@ -331,13 +328,13 @@ window.velmora = {
     /** Where a sample is drawn, in the canvas's pixels. */
     place(address, number, sample) {
         const headset = [...page.headsets.values()].find((one) => one.address === address);
-        const channel = headset.channels.find((one) => one.number === number);
-        const row = headset.strips.shown().indexOf(channel);
+        const row = headset.strips.shown().findIndex((one) => one.number === number);
+        const channel = headset.strips.shown()[row];
         const time = channel.timeOf(sample);
         return {
             x: headset.strips.x(time), top: row * headset.strips.pitch, height: headset.strips.pitch,
             onScreen: time <= page.time && time > page.time - seconds() * (1 - BLANK * 2) && sample < channel.end,
-            value: channel.samples[sample & 0xffff],
+            value: channel.value(sample), centre: channel.centre, span: channel.span,
         };
     },
     state: () => ({ link: page.link, paused: page.paused, time: page.time, delay: page.delay, skipped: page.skipped }),
@@ -435,6 +432,9 @@ const handlers = {
             note(message.time, "this computer does not keep up; packets are being dropped");
         } else if (message.code === EVENT.mark) {
             page.markTimes.push({ time: message.time, text: message.text });
+            if (page.time !== null && message.time <= page.time) {
+                redraw(); // its place has been drawn already
+            }
             if (page.markTimes.length > MOST_EVENTS) {
                 page.markTimes.shift();
             }
@@ -449,10 +449,17 @@ const handlers = {
     },
     ended(message) {
         page.link = "ended";
-        page.endText = message.text;
+        page.lostText = `velmora has ended: ${message.text}.`;
         tell();
     },
 };
+
+/** Draws all headsets anew, unless what is on the screen is to stay. */
+function redraw() {
+    for (const headset of page.headsets.values()) {
+        headset.strips.dirty ||= !page.paused;
+    }
+}
 
 function connect() {
     const socket = new WebSocket(`ws://${location.host}/stream`);
@@ -460,21 +467,72 @@ function connect() {
     socket.binaryType = "arraybuffer";
     socket.addEventListener("open", () => {
         page.link = "open";
-        page.endText = null;
+        page.heard = performance.now();
         tell();
     });
     socket.addEventListener("message", (event) => {
-        const message = decode(event.data);
-        if (message) {
-            handlers[message.kind](message);
+        if (page.socket === socket) {
+            receive(event.data);
         }
     });
     socket.addEventListener("close", () => {
-        page.link = page.link === "ended" ? "ended" : "closed";
-        tell();
-        setTimeout(connect, 1500);
+        if (page.socket === socket) {
+            lose("The connection to velmora is lost. Trying again.");
+        }
     });
 }
+
+function receive(data) {
+    page.heard = performance.now();
+    try {
+        const message = decode(data);
+        if (message) {
+            handlers[message.kind](message);
+        }
+        page.retry = RETRY[0];
+    } catch (problem) {
+        lose(`This page and velmora do not understand each other: ${problem.message}.`);
+        throw problem;
+    }
+}
+
+/** No more comes from this connection. Tries another after a while, each time a longer one. */
+async function lose(text) {
+    const socket = page.socket;
+    const wasOpen = page.link === "open";
+    page.socket = null;
+    socket.close();
+    if (page.link !== "ended") {
+        page.link = "closed";
+        page.lostText = text;
+    }
+    tell();
+    setTimeout(connect, page.retry);
+    page.retry = Math.min(page.retry * 1.5, RETRY[1]);
+    if (!wasOpen && page.link === "closed") {
+        page.lostText = await refusal();
+        tell();
+    }
+}
+
+/** Why there is no stream: a WebSocket does not tell what it was answered. */
+async function refusal() {
+    try {
+        const answer = await fetch("/", { method: "HEAD" });
+        return answer.ok ? "As many look on as may: close another page. Trying again." :
+            answer.status === 403 ? "velmora does not know this page. Open the address that it has printed last." :
+                "velmora is busy. Trying again.";
+    } catch {
+        return page.ready ? "velmora does not answer. Trying again." :
+            "velmora does not answer here. Open the address that it has printed.";
+    }
+}
+
+setInterval(() => {
+    if (page.link === "open" && page.ready && performance.now() - page.heard > SILENCE) {
+        lose("Nothing comes from velmora. Trying again.");
+    }
+}, 1000);
 
 // ---------------------------------------------------------------------------------------------- telling
 
@@ -490,11 +548,8 @@ const clockText = (time) => {
 function tell() {
     let text = null;
     let notice = false;
-    if (page.link === "ended") {
-        text = `velmora has ended: ${page.endText}.`;
-    } else if (page.link === "closed") {
-        text = page.ready ? "The connection to velmora is lost. Trying again." :
-            "velmora does not answer here. Open the address that it has printed.";
+    if (page.link === "ended" || page.link === "closed") {
+        text = page.lostText;
     } else if (page.trouble) {
         text = page.trouble;
     } else if (page.skippedLately > 0) {
@@ -528,6 +583,7 @@ function note(time, text) {
         list.lastChild.remove();
     }
     $("log-count").textContent = String(++notes);
+    $("log-last").textContent = line.textContent;
 }
 
 // ---------------------------------------------------------------------------------------------- the user
@@ -556,6 +612,9 @@ function togglePause() {
     page.paused = !page.paused;
     $("pause").setAttribute("aria-pressed", String(page.paused));
     $("pause").textContent = page.paused ? "Go on" : "Pause";
+    for (const { strips } of page.headsets.values()) {
+        page.paused ? strips.keep() : strips.letGo();
+    }
     tell();
 }
 
@@ -595,17 +654,19 @@ document.addEventListener("keydown", (event) => {
     if (event.ctrlKey || event.altKey || event.metaKey || event.repeat || $("help").open) {
         return;
     }
-    const typing = event.target.closest("select, input, summary");
-    const pressing = event.target.closest("button, summary") && event.key === " ";
+    // What has the focus takes some keys for itself. A mark is never lost to it.
+    const taken = event.target.closest("select") ? /^[ 0-9]$/ : event.target.closest("button, input, summary") ? /^ $/ : null;
     const mark = page.marks.findIndex((one) => one.key === event.key);
-    if (mark >= 0 && !typing) {
+    if (mark >= 0) {
         setMark(mark);
-    } else if (/^[1-9]$/.test(event.key) && !typing) {
+    } else if (taken?.test(event.key)) {
+        return;
+    } else if (/^[1-9]$/.test(event.key)) {
         const headset = [...page.headsets.values()][Number(event.key) - 1];
         if (headset) {
             show(headset, !headset.shown);
         }
-    } else if (keys[event.key.length === 1 ? event.key.toLowerCase() : event.key] && !typing && !pressing) {
+    } else if (event.key.length === 1 && keys[event.key.toLowerCase()]) {
         keys[event.key.toLowerCase()]();
     } else {
         return;
