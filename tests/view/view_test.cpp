@@ -159,6 +159,10 @@ TEST(Feed, PutsEventsBetweenTheDataBeforeAndBehindThem) {
     records[2].code = VELMORA_EVENT_DISCONNECTED;
     std::memcpy(records[2].bytes, "A1B2C3D4E501", 12);
     feed.take(records);
+    const SharedMessage kept = feed.next();
+    ASSERT_TRUE(kept) << "those who look on only later are to know it as well";
+    EXPECT_EQ(kept->kind, Kind::Event);
+    EXPECT_EQ(eventCode(*kept), VELMORA_EVENT_DISCONNECTED);
     EXPECT_EQ(feed.next(), nullptr) << "nobody looks on";
     feed.setWatched(true);
     feed.take(records);

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <memory>
+#include <new>
+#include <utility>
 
 namespace velmora::view {
 namespace {
@@ -26,39 +28,60 @@ std::string_view textOf(const velmora_record& record) {
 
 }  // namespace
 
-void Feed::take(std::span<const velmora_record> records) {
-    if (!watched_.load(std::memory_order_relaxed)) {
-        return;
-    }
-    for (std::size_t i = 0; i < records.size();) {
-        const auto kind = kindOf(records[i]);
-        if (!kind || kind == Kind::Event) {
-            const velmora_record& record = records[i++];
-            if (kind) {
-                put(eventMessage(record.time, record.headset, record.code, textOf(record)));
-            }
+void Feed::take(std::span<const velmora_record> records) noexcept {
+    const bool watched = watched_.load(std::memory_order_relaxed);
+    while (!records.empty()) {
+        const auto kind = kindOf(records.front());
+        std::size_t count = 1;
+        while (count < records.size() && kindOf(records[count]) == kind) {
+            ++count;
+        }
+        const auto alike = records.first(count);
+        records = records.subspan(count);
+        if (!kind || (!watched && kind != Kind::Event)) {
             continue;
         }
-        Batch batch(*kind);
-        for (; i < records.size() && kindOf(records[i]) == kind; ++i) {
-            batch.add(records[i]);
+        try {
+            if (kind == Kind::Event) {  // also for those who look on only later
+                for (const velmora_record& record : alike) {
+                    put(eventMessage(record.time, record.headset, record.code, textOf(record)));
+                }
+                continue;
+            }
+            Batch batch(*kind);
+            for (const velmora_record& record : alike) {
+                batch.add(record);
+            }
+            put(batch.take());
+        } catch (const std::bad_alloc&) {
+            skip(kind == Kind::Event ? 0 : count);
         }
-        put(batch.take());
     }
 }
 
-void Feed::put(Message message) {
-    if (skippedMessages_ > 0) {
-        SharedMessage told = std::make_shared<const Message>(skippedMessage(skippedMessages_, skippedPackets_));
-        if (messages_.push(told)) {
+void Feed::put(Message message) noexcept {
+    const std::uint64_t packets = message.packets;
+    try {
+        if (skippedMessages_ > 0) {
+            SharedMessage told = std::make_shared<const Message>(skippedMessage(skippedMessages_, skippedPackets_));
+            if (!messages_.push(told)) {
+                skip(packets);
+                return;
+            }
             skippedMessages_ = skippedPackets_ = 0;
         }
+        SharedMessage shared = std::make_shared<const Message>(std::move(message));
+        if (!messages_.push(shared)) {
+            skip(packets);
+        }
+    } catch (const std::bad_alloc&) {
+        skip(packets);
     }
-    SharedMessage shared = std::make_shared<const Message>(std::move(message));
-    if (skippedMessages_ > 0 || !messages_.push(shared)) {
-        ++skippedMessages_;
-        skippedPackets_ += shared->packets;
-    }
+}
+
+void Feed::skip(std::uint64_t packets) {
+    ++skippedMessages_;
+    skippedPackets_ += packets;
 }
 
 SharedMessage Feed::next() {

@@ -18,9 +18,10 @@ class Feed {
   public:
     // The receiving side.
 
-    /// What velmora_read delivered, in order. Makes messages of it only while somebody looks on.
-    void take(std::span<const velmora_record> records);
-    void put(Message message);
+    /// What velmora_read delivered, in order. Makes messages of the data only while somebody looks on. Want of memory
+    /// costs viewers a message and never the one who receives.
+    void take(std::span<const velmora_record> records) noexcept;
+    void put(Message message) noexcept;
     /// The next mark that a viewer asks for, by its number in Hello.
     std::optional<std::size_t> nextMark() { return marks_.pop(); }
     /// The next text that the server has for the user.
@@ -35,6 +36,8 @@ class Feed {
     void notify(std::string text) { notices_.push(text); }
 
   private:
+    void skip(std::uint64_t packets);
+
     static constexpr std::size_t kMessages = 128;  // of at most 256 packets each: some seconds of a full line
     static constexpr std::size_t kFew = 32;
 

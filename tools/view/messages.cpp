@@ -9,6 +9,7 @@ namespace velmora::view {
 namespace {
 
 constexpr std::size_t kCountPlace = 2;  // of the header's count of entries
+constexpr std::size_t kHeaderSize = 16;
 
 /// Puts numbers behind each other, the lowest byte first.
 class Writer {
@@ -42,7 +43,7 @@ class Writer {
     std::vector<std::uint8_t>& bytes_;
 };
 
-/// The header that every message begins with: 16 bytes.
+/// The header that every message begins with.
 Message begin(Kind kind, std::size_t count, std::int64_t time) {
     Message message{kind};
     Writer(message.bytes)
@@ -104,6 +105,10 @@ Message eventMessage(std::int64_t time, int headset, std::uint8_t code, std::str
     Message message = begin(Kind::Event, 1, time);
     Writer(message.bytes).put(static_cast<std::int16_t>(headset)).put(code).zeros(5).text(text, 72);
     return message;
+}
+
+std::uint8_t eventCode(const Message& event) {
+    return event.bytes[kHeaderSize + sizeof(std::int16_t)];
 }
 
 Message skippedMessage(std::uint64_t messages, std::uint64_t packets) {

@@ -70,6 +70,7 @@ inline constexpr std::uint8_t kMarkEvent = 100;
 Message helloMessage(const Hello& hello);
 Message statusMessage(std::int64_t time, std::span<const StatusEntry> headsets);
 Message eventMessage(std::int64_t time, int headset, std::uint8_t code, std::string_view text);
+std::uint8_t eventCode(const Message& event);
 Message skippedMessage(std::uint64_t messages, std::uint64_t packets);
 Message endedMessage(std::int64_t time, std::string_view text);
 

@@ -47,8 +47,8 @@ class Outbox {
         }
     }
     void push(SharedMessage message) {
-        bytes_ += message->bytes.size();
         messages_.push_back(std::move(message));
+        bytes_ += messages_.back()->bytes.size();
     }
 
     std::deque<SharedMessage> messages_;

@@ -39,29 +39,33 @@ constexpr auto kWriteTime = 20s;  // one that takes nothing for so long is gone
 constexpr std::size_t kMostMessage = 64;
 constexpr int kMostKernelBuffer = 256 * 1024;
 constexpr std::size_t kMostPlainConnections = 64;  // beside those of viewers
-
-// Frames of a viewer, pings included: as many at once, and as many in a second.
-constexpr double kMostFrames = 40;
-constexpr double kFramesPerSecond = 20;
+constexpr std::size_t kMostUnread = 64 * 1024;     // of what is refused, read so that the refusal arrives
+constexpr auto kUnreadTime = 1s;
 
 // How often the feed is looked into: while somebody looks on, and otherwise.
 constexpr auto kWatchedPause = 10ms;
 constexpr auto kIdlePause = 100ms;
 constexpr auto kEndTime = 500ms;
 
-/// Counts frames against the rate that is allowed.
+/// So many at once, and so many in a second.
 class Allowance {
   public:
+    Allowance(double most, double perSecond) : most_(most), perSecond_(perSecond), left_(most) {}
+
     bool spend() {
         const auto now = steady_clock::now();
         const double seconds = std::chrono::duration<double>(now - last_).count();
         last_ = now;
-        left_ = std::min(kMostFrames, left_ + seconds * kFramesPerSecond) - 1;
-        return left_ >= 0;
+        left_ = std::min(most_, left_ + seconds * perSecond_);
+        const bool allowed = left_ >= 1;
+        left_ -= allowed ? 1 : 0;
+        return allowed;
     }
 
   private:
-    double left_ = kMostFrames;
+    const double most_;
+    const double perSecond_;
+    double left_;
     steady_clock::time_point last_ = steady_clock::now();
 };
 
@@ -81,9 +85,9 @@ class Viewer {
 
     websocket::stream<beast::tcp_stream> socket;
     Outbox outbox;
-    Allowance allowance;
-    net::steady_timer news;  // cancelled when there is some
-    bool closing = false;    // says goodbye
+    Allowance frames{40, 20};  // pings included
+    net::steady_timer news;    // cancelled when there is some
+    bool closing = false;      // says goodbye
     bool closed = false;
 };
 using SharedViewer = std::shared_ptr<Viewer>;
@@ -96,15 +100,15 @@ std::string_view view(beast::string_view text) {
 }
 
 /// The files of the page name nothing outside, and nobody else's page may show or read them.
-void addPolicy(Response& response) {
-    response.set(http::field::cache_control, "no-store");
-    response.set("Content-Security-Policy",
-                 "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; connect-src 'self'; "
-                 "base-uri 'none'; form-action 'none'; frame-ancestors 'none'");
-    response.set("Cross-Origin-Opener-Policy", "same-origin");
-    response.set("Cross-Origin-Resource-Policy", "same-origin");
-    response.set("Referrer-Policy", "no-referrer");
-    response.set("X-Content-Type-Options", "nosniff");
+void addPolicy(http::fields& fields) {
+    fields.set(http::field::cache_control, "no-store");
+    fields.set("Content-Security-Policy",
+               "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; connect-src 'self'; "
+               "base-uri 'none'; form-action 'none'; frame-ancestors 'none'");
+    fields.set("Cross-Origin-Opener-Policy", "same-origin");
+    fields.set("Cross-Origin-Resource-Policy", "same-origin");
+    fields.set("Referrer-Policy", "no-referrer");
+    fields.set("X-Content-Type-Options", "nosniff");
 }
 
 Response text(http::status status, const std::string& body) {
@@ -114,10 +118,29 @@ Response text(http::status status, const std::string& body) {
     return response;
 }
 
+/// What is wrong with a request for a WebSocket; nothing when it can be granted.
+std::optional<Response> handshakeProblem(const Request& request) {
+    constexpr std::string_view kWebSocketVersion = "13";
+    constexpr std::size_t kKeySize = 24;  // 16 bytes in base64
+    if (view(request[http::field::sec_websocket_version]) != kWebSocketVersion) {
+        Response response = text(http::status::upgrade_required, "WebSocket version 13 only.");
+        response.set(http::field::sec_websocket_version, kWebSocketVersion);
+        return response;
+    }
+    if (request[http::field::sec_websocket_key].size() != kKeySize) {
+        return text(http::status::bad_request, "That is no key of a WebSocket.");
+    }
+    return std::nullopt;
+}
+
 class BeastServer final : public Server {
   public:
     BeastServer(const ServerOptions& options, Feed& feed)
-        : options_(options), feed_(feed), acceptor_(bound(options)), access_(acceptor_.local_endpoint().port()) {
+        : options_(options),
+          feed_(feed),
+          acceptor_(bound(options)),
+          open_(!acceptor_.local_endpoint().address().is_loopback()),
+          access_(acceptor_.local_endpoint().port()) {
         address_ = addressWithToken();
         acceptor_.listen(net::socket_base::max_listen_connections);
         spawn(acceptAll());
@@ -133,10 +156,11 @@ class BeastServer final : public Server {
             pause_.cancel();
         });
         thread_.join();
+        viewers_.clear();  // before the context, which owns what they have
     }
 
     const std::string& address() const override { return address_; }
-    bool open() const override { return !acceptor_.local_endpoint().address().is_loopback(); }
+    bool open() const override { return open_; }
 
   private:
     tcp::acceptor bound(const ServerOptions& options) {
@@ -148,13 +172,17 @@ class BeastServer final : public Server {
         tcp::acceptor acceptor(io_);
         const tcp::endpoint endpoint(address, options.port);
         acceptor.open(endpoint.protocol(), error);
-#ifndef _WIN32
         if (!error) {
+#ifdef _WIN32
+            // What the other option is for happens here by itself, and it would let another program take the port.
+            const int yes = 1;
+            ::setsockopt(acceptor.native_handle(), SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&yes),
+                         sizeof yes);
+#else
             ::fcntl(acceptor.native_handle(), F_SETFD, FD_CLOEXEC);  // a browser that outlives us would keep it open
-            // On Windows this would let another program take the port from us.
             acceptor.set_option(net::socket_base::reuse_address(true), error);
-        }
 #endif
+        }
         if (!error) {
             acceptor.bind(endpoint, error);
         }
@@ -189,7 +217,7 @@ class BeastServer final : public Server {
                 io_.run();
                 return;
             } catch (const std::exception&) {
-                // Of one connection, out of memory mostly: it is gone, and the others go on.
+                // Of one handler, out of memory mostly: its connection is gone, and the others go on.
             }
         }
     }
@@ -218,11 +246,14 @@ class BeastServer final : public Server {
 
     /// Without waiting for what it wants: nothing of it is kept.
     static void refuse(tcp::socket& socket) {
-        static constexpr std::string_view kBusy =
-            "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nConnection: close\r\nRetry-After: 5\r\n\r\n";
+        Response response = text(http::status::service_unavailable, "Too many connections.");
+        response.set(http::field::retry_after, "5");
+        response.keep_alive(false);
+        response.prepare_payload();
+        addPolicy(response);
         beast::error_code ignored;
         socket.non_blocking(true, ignored);
-        socket.write_some(net::buffer(kBusy), ignored);
+        http::write(socket, response, ignored);
         socket.shutdown(tcp::socket::shutdown_send, ignored);
     }
 
@@ -243,6 +274,7 @@ class BeastServer final : public Server {
         Plain plain(plain_);
         stream.socket().set_option(tcp::no_delay(true), ignored_);
         beast::flat_buffer buffer(kMostHeader + 1);
+        Allowance requests{40, 20};  // the page takes six
         for (bool more = true; more;) {
             http::request_parser<http::empty_body> parser;
             parser.header_limit(kMostHeader);
@@ -261,7 +293,8 @@ class BeastServer final : public Server {
                 response.keep_alive(false);
             } else {
                 const Request request = parser.release();
-                response = answer(request, stream.socket());
+                response = requests.spend() ? answer(request, stream.socket())
+                                            : text(http::status::too_many_requests, "Not so fast.");
                 if (response.result() == http::status::switching_protocols) {
                     plain.leave();
                     co_await look(std::move(stream), request);
@@ -282,7 +315,21 @@ class BeastServer final : public Server {
             const auto [failed, written] = co_await http::async_write(stream, response, kResult);
             more = more && !failed;
         }
+        co_await close(stream);
+    }
+
+    /// A connection that is closed with something unread in it is reset, and its last answer may not be seen.
+    net::awaitable<void> close(beast::tcp_stream& stream) {
         stream.socket().shutdown(tcp::socket::shutdown_send, ignored_);
+        stream.expires_after(kUnreadTime);
+        std::array<char, 4096> unread;
+        for (std::size_t size = 0; size < kMostUnread;) {
+            const auto [error, more] = co_await stream.async_read_some(net::buffer(unread), kResult);
+            if (error) {
+                break;
+            }
+            size += more;
+        }
     }
 
     /// What is said to a request that cannot be read; nothing when nobody would hear it.
@@ -316,12 +363,12 @@ class BeastServer final : public Server {
             return text(http::status::method_not_allowed, "GET and HEAD only.");
         }
         const bool known = access_.admits(view(request[http::field::cookie]));
-        return websocket::is_upgrade(request) ? answerStream(view(request.target()), known)
-                                              : answerPage(view(request.target()), known);
+        return websocket::is_upgrade(request) ? answerStream(request, known) : answerPage(request, known);
     }
 
-    Response answerPage(std::string_view target, bool known) {
-        if (const auto token = tokenOf(target, "/")) {
+    Response answerPage(const Request& request, bool known) {
+        const std::string_view target = view(request.target());
+        if (const auto token = tokenOf(target, "/"); token && request.method() == http::verb::get) {
             const auto session = exchange(*token);
             if (session || known) {
                 Response response{http::status::see_other, 11};
@@ -347,8 +394,9 @@ class BeastServer final : public Server {
     }
 
     /// Programs that are no browsers may bring the token along, and need no cookie then.
-    Response answerStream(std::string_view target, bool known) {
+    Response answerStream(const Request& request, bool known) {
         constexpr std::string_view kPath = "/stream";
+        const std::string_view target = view(request.target());
         const auto token = tokenOf(target, kPath);
         if (!known && !token) {
             return stranger();
@@ -356,7 +404,11 @@ class BeastServer final : public Server {
         if (!token && target != kPath) {
             return text(http::status::not_found, "There is no such stream.");
         }
-        if (viewers_.size() >= options_.clients) {  // before the token is used up
+        // All that can be refused is, before the token is used up.
+        if (auto problem = handshakeProblem(request)) {
+            return *std::move(problem);
+        }
+        if (viewers_.size() >= options_.clients) {
             return text(http::status::service_unavailable,
                         "As many look on as may (--clients); close another page first.");
         }
@@ -376,28 +428,46 @@ class BeastServer final : public Server {
 
     static Response stranger() {
         return text(http::status::forbidden,
-                    "This address is good for one browser, once. velmora has printed another one since.");
+                    "This takes the whole address that velmora has printed; each is good for one browser, once.");
     }
 
-    /// A viewer, from its request to its end.
+    /// A viewer counts from its request to its end, whatever that is.
+    class Seat {
+      public:
+        Seat(BeastServer& server, SharedViewer viewer) : server_(server), viewer_(std::move(viewer)) {
+            server_.viewers_.insert(viewer_);
+            server_.feed_.setWatched(true);
+        }
+        ~Seat() {
+            viewer_->close();
+            server_.viewers_.erase(viewer_);
+            server_.feed_.setWatched(!server_.viewers_.empty());
+        }
+        Seat(const Seat&) = delete;
+        Seat& operator=(const Seat&) = delete;
+
+      private:
+        BeastServer& server_;
+        const SharedViewer viewer_;
+    };
+
     net::awaitable<void> look(beast::tcp_stream stream, const Request& request) {
         stream.expires_never();
         stream.socket().set_option(net::socket_base::send_buffer_size(kMostKernelBuffer), ignored_);
         const auto viewer = std::make_shared<Viewer>(std::move(stream), io_);
-        for (const SharedMessage& message : {hello_, status_, ended_}) {
+        for (const SharedMessage& message : {hello_, status_, trouble_, ended_}) {
             if (message) {
                 viewer->put(message);
             }
         }
-        viewers_.insert(
-            viewer);  // now, so that it counts while it shakes hands; what comes meanwhile waits behind hello
-        feed_.setWatched(true);
+        const Seat seat(*this, viewer);  // what comes while it shakes hands waits behind hello
+        viewer->socket.set_option(websocket::stream_base::decorator([](http::fields& fields) { addPolicy(fields); }));
         viewer->socket.set_option(websocket::stream_base::timeout{kRequestTime, kIdleTime, true});
         viewer->socket.read_message_max(kMostMessage);
         viewer->socket.binary(true);
         viewer->socket.auto_fragment(false);
         viewer->socket.control_callback([viewer = viewer.get()](websocket::frame_type, beast::string_view) {
-            if (!viewer->allowance.spend()) {
+            if (!viewer->frames.spend()) {
                 viewer->close();
             }
         });
@@ -406,9 +476,6 @@ class BeastServer final : public Server {
             spawn(write(viewer));
             co_await read(viewer);
         }
-        viewer->close();
-        viewers_.erase(viewer);
-        feed_.setWatched(!viewers_.empty());
     }
 
     net::awaitable<void> read(SharedViewer viewer) {
@@ -421,13 +488,15 @@ class BeastServer final : public Server {
             }
             const auto* const bytes = static_cast<const std::uint8_t*>(buffer.cdata().data());
             const auto mark = parseMarkRequest({bytes, buffer.size()});
-            if (!viewer->allowance.spend() || !mark || !viewer->socket.got_binary()) {
+            if (!viewer->frames.spend() || !mark || !viewer->socket.got_binary()) {
                 const bool wrong = !mark || !viewer->socket.got_binary();
                 co_await leave(viewer,
                                wrong ? websocket::close_code::bad_payload : websocket::close_code::policy_error);
                 co_return;
             }
-            feed_.requestMark(*mark);
+            if (marks_.spend()) {
+                feed_.requestMark(*mark);
+            }
         }
     }
 
@@ -466,11 +535,11 @@ class BeastServer final : public Server {
     /// From the feed to all viewers, until the server ends.
     net::awaitable<void> pump() {
         while (!ending_) {
-            dispatch();
+            tryDispatch();
             pause_.expires_after(viewers_.empty() ? kIdlePause : kWatchedPause);
             co_await pause_.async_wait(kResult);
         }
-        dispatch();
+        tryDispatch();
         last_ = true;
         for (const SharedViewer& viewer : viewers_) {
             viewer->news.cancel();
@@ -483,35 +552,58 @@ class BeastServer final : public Server {
         io_.stop();
     }
 
+    void tryDispatch() noexcept {
+        try {
+            dispatch();
+        } catch (const std::bad_alloc&) {
+            // They see a gap in their data, and the next message finds them again.
+        }
+    }
+
     void dispatch() {
         while (const SharedMessage message = feed_.next()) {
-            if (message->kind == Kind::Hello) {
-                hello_ = message;
-            } else if (message->kind == Kind::Status) {
-                status_ = message;
-            } else if (message->kind == Kind::Ended) {
-                ended_ = message;
-            }
+            keepForLatecomers(message);
             for (const SharedViewer& viewer : viewers_) {
                 viewer->put(message);
             }
         }
     }
 
+    void keepForLatecomers(const SharedMessage& message) {
+        if (message->kind == Kind::Hello) {
+            hello_ = message;
+        } else if (message->kind == Kind::Status) {
+            status_ = message;
+        } else if (message->kind == Kind::Ended) {
+            ended_ = message;
+        } else if (message->kind == Kind::Event) {
+            if (const std::uint8_t code = eventCode(*message);
+                code == VELMORA_EVENT_RESTARTED || code == VELMORA_EVENT_GONE) {
+                trouble_ = message;
+            } else if (code == VELMORA_EVENT_CONNECTED) {
+                trouble_ = nullptr;
+            }
+        }
+    }
+
     const ServerOptions options_;
     Feed& feed_;
-    std::size_t plain_ = 0;  // before the context: what it destroys at its end counts down
+    // Before the context: what it destroys at its end leaves them.
+    std::size_t plain_ = 0;
+    std::set<SharedViewer> viewers_;
     net::io_context io_{1};
     tcp::acceptor acceptor_;
+    const bool open_;
     std::string address_;
     std::thread thread_;
 
     // The thread's own.
     Access access_;
     net::steady_timer pause_{io_};
-    std::set<SharedViewer> viewers_;
+    Allowance marks_{10, 5};  // of all viewers together; nobody makes more by hand
     SharedMessage hello_;
     SharedMessage status_;
+    SharedMessage trouble_;  // of the dongle, until a headset is connected again
     SharedMessage ended_;
     bool ending_ = false;
     bool last_ = false;  // nothing more comes
