@@ -49,6 +49,7 @@ endif()
 
 install(FILES README.md CHANGELOG.md DESTINATION ${VELMORA_DOC_FOLDER})
 install(FILES docs/architecture.md docs/protocol.md docs/view-protocol.md DESTINATION ${VELMORA_DOC_FOLDER}/docs)
+install(FILES docs/recording.svg docs/view.png DESTINATION ${VELMORA_DOC_FOLDER}/docs)
 install(FILES examples/host.c examples/many_headsets.c examples/many_headsets.cpp examples/view_client.py
     examples/view_client.mjs packaging/CMakeLists.txt
     DESTINATION ${VELMORA_DOC_FOLDER}/examples)
@@ -71,7 +72,7 @@ velmora_licence(loguru ${PROJECT_SOURCE_DIR}/third_party/loguru/LICENSE)
 if(TARGET velmora-cli)
     velmora_licence(CLI11 /usr/share/doc/libcli11-dev/copyright)
     if(VELMORA_WITH_VIEW)
-        velmora_licence(Boost /usr/share/doc/libboost1.81-dev/copyright)
+        velmora_licence(Boost /usr/share/doc/libboost1.${VELMORA_BOOST_MINOR}-dev/copyright)
     endif()
 endif()
 if(MINGW)
