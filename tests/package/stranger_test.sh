@@ -108,9 +108,18 @@ try_deb() {
     linux "$PWD/root/usr"
 }
 
+# com_port FILE: sets $com to the name under Wine of a serial port of this system
+com_port() {
+    local number
+    for ((number = 4001 + RANDOM % 500; ; number++)); do
+        ln -s "$(readlink "$1")" "$tree/build/wine/dosdevices/com$number" 2>/dev/null && break
+    done
+    links+=("$tree/build/wine/dosdevices/com$number")
+    com=COM$number
+}
+
 # A line between two programs under Wine: sets $near and $far to names of ports.
 wine_line() {
-    local end number names=()
     rm -f near far
     socat "pty,raw,echo=0,link=$PWD/near" "pty,raw,echo=0,link=$PWD/far" </dev/null >/dev/null 2>&1 &
     background+=($!)
@@ -118,14 +127,10 @@ wine_line() {
         [ -e near ] && [ -e far ] && break
         sleep 0.05
     done
-    for end in near far; do
-        for ((number = 4001 + RANDOM % 500; ; number++)); do
-            ln -s "$(readlink "$end")" "$tree/build/wine/dosdevices/com$number" 2>/dev/null && break
-        done
-        links+=("$tree/build/wine/dosdevices/com$number")
-        names+=("COM$number")
-    done
-    near=${names[0]} far=${names[1]}
+    com_port near
+    near=$com
+    com_port far
+    far=$com
 }
 
 try_zip() {
@@ -154,6 +159,35 @@ try_zip() {
     dongle "$wine" velmora/bin/velmora-dongle.exe --port "$near"
     interruptible=no # Wine programs do not hear this system's signals: what is shown is enough
     shows "$wine" first-by-lib.exe "$far"
+    windows_program
+}
+
+# The Windows program, on the native dongle, whose account tells what has to be in the files.
+windows_program() {
+    local velmora=("$tree/scripts/wine-run" velmora/bin/velmora.exe) name address
+    dongle "$tree/build/linux/dongle/velmora-dongle" --link "$PWD/port" --channels 4 --packing single --lose-every 20 \
+        --account account
+    com_port "$PWD/port"
+    mkdir 記録
+    "${velmora[@]}" record --port "$com" --all --rate 2000 --seconds 8 --max-loss 100 --view --no-browser -o 記録/take \
+        >out 2>err &
+    background+=($!)
+    for _ in $(seq 600); do
+        address=$(grep -o 'http://[^ \r]*' err | tr -d '\r') && break
+        sleep 0.05
+    done
+    timeout 60 /usr/bin/python3 "$tree/examples/view_client.py" "$address" >viewed || { cat viewed err; fail "no live view"; }
+    wait "${background[-1]}" || { cat out err; fail "the recording"; }
+    grep -q 'headset 1: A1B2C3D4E502' viewed && grep -q 'the recording has ended' viewed && ! grep -q 'too slow' viewed ||
+        { cat viewed; fail "the viewer"; }
+    kill -INT -- "-${background[-2]}" # the account is complete then
+    wait "${background[-2]}" || true
+    for name in A1B2C3D4E501 A1B2C3D4E502; do
+        "$tree/build/linux/tests/record/account_check" "記録/take-$name.edf" account "$name" 4 3 || fail "take-$name.edf"
+    done
+    "${velmora[@]}" plot 記録/take-A1B2C3D4E501.edf -o 記録/絵.svg >/dev/null && grep -q '<svg' 記録/絵.svg || fail "no picture"
+    ! "${velmora[@]}" record --port "$com" -o 記録/take >out 2>&1 && grep -q 'take.json exists' out ||
+        { cat out; fail "a recording was overwritten"; }
 }
 
 try_wheel() {
