@@ -577,13 +577,14 @@ function tell() {
 let notes = 0;
 function note(time, text) {
     const list = $("log-list");
-    const line = make("li", {}, make("time", { textContent: time === null ? "" : clockText(Math.max(0, time)) }), text);
+    const when = time === null ? "" : clockText(Math.max(0, time));
+    const line = make("li", {}, make("time", { textContent: when }), text);
     list.prepend(line);
     if (list.children.length > MOST_EVENTS) {
         list.lastChild.remove();
     }
     $("log-count").textContent = String(++notes);
-    $("log-last").textContent = line.textContent;
+    $("log-last").textContent = `${when} ${text}`;
 }
 
 // ---------------------------------------------------------------------------------------------- the user
