@@ -20,7 +20,7 @@ until [ -e port ]; do sleep 0.05; done
 # A viewer of the run whose words stand in the file err.
 look_on() {
     local address=
-    until address=$(grep -o 'http://.*' err) || [ -e done ]; do sleep 0.05; done
+    until address=$(grep -so 'http://.*' err) || [ -e done ]; do sleep 0.05; done
     [ -e done ] || /usr/bin/python3 "$here/../examples/view_client.py" "$address" >viewed 2>&1
 }
 
