@@ -50,8 +50,8 @@ endif()
 install(FILES README.md CHANGELOG.md DESTINATION ${VELMORA_DOC_FOLDER})
 install(FILES docs/architecture.md docs/protocol.md docs/view-protocol.md DESTINATION ${VELMORA_DOC_FOLDER}/docs)
 install(FILES docs/recording.svg docs/view.png DESTINATION ${VELMORA_DOC_FOLDER}/docs)
-install(FILES examples/host.c examples/many_headsets.c examples/many_headsets.cpp examples/view_client.py
-    examples/view_client.mjs packaging/CMakeLists.txt
+install(FILES examples/host.c examples/many_headsets.c examples/many_headsets.cpp examples/read_recording.c
+    examples/view_client.py examples/view_client.mjs packaging/CMakeLists.txt
     DESTINATION ${VELMORA_DOC_FOLDER}/examples)
 install(DIRECTORY python/examples/ DESTINATION ${VELMORA_DOC_FOLDER}/examples FILES_MATCHING PATTERN "*.py")
 if(CMAKE_SYSTEM_NAME STREQUAL Linux)
