@@ -44,7 +44,7 @@ struct ConnectionReport {
 };
 
 TEST(Replies, ServiceConnectedOnBothPaths) {
-    const ConnectionReport invalidIndex{.address = "C2A1B3D4E5F6", .index = 0, .indexValid = false};
+    const ConnectionReport invalidIndex{"C2A1B3D4E5F6", 0, false};
     const struct {
         std::string text;
         std::vector<ConnectionReport> reports = {};
@@ -168,24 +168,22 @@ TEST(Registry, DeviceListReply) {
     const struct {
         std::string text, log, records;
     } cases[] = {
-        {.text = "AT+LIST=none\n", .log = "0 No device connected\n", .records = allReset},
-        {.text = "AT+LIST=nonexistent,AB", .log = "0 No device connected\n", .records = allReset},
-        {.text = "x\ny AT+LIST=1,C2A1B3D4E5F6;2,02\n3,AB",
-         .log = updated("C2A1B3D4E5F6", 1) + added("02", 2),
-         .records = firstListed + "02 2 1;"},
-        {.text = "AT+LIST=1,c2a1b3d4e5f6", .log = added("c2a1b3d4e5f6", 1), .records = allReset + "c2a1b3d4e5f6 1 1;"},
-        {.text = "AT+LIST=x,01;3;3,C2A1-B3;;99999999999,02; -4z,03;",
-         .log = added("01", 0) + added("02", 0) + added("03", -4),
-         .records = allReset + "01 0 1;02 0 1;03 -4 1;"},
-        {.text = "AT+LIST=3,", .log = added("", 3), .records = allReset + " 3 1;"},
-        {.text = "AT+LIST=3,01,2;4, 02;5,03 ", .log = "", .records = allReset},
-        {.text = "AT+LIST=1,01;2,01", .log = added("01", 1) + updated("01", 2), .records = allReset + "01 2 1;"},
-        {.text = "AT+LIST=1,01\nAT+LIST=2,02", .log = added("01", 1), .records = allReset + "01 1 1;"},
-        {.text = "AT+LIST=1," + digits + ";2,02", .log = added(kept, 1), .records = allReset + kept + " 1 1;"},
-        {.text = "AT+LIST= none", .log = "", .records = allReset},
-        {.text = "AT+LIST=\n", .log = "", .records = allReset},
-        {.text = "AT+LIST none", .log = "", .records = asBefore},
-        {.text = "", .log = "", .records = asBefore},
+        {"AT+LIST=none\n", "0 No device connected\n", allReset},
+        {"AT+LIST=nonexistent,AB", "0 No device connected\n", allReset},
+        {"x\ny AT+LIST=1,C2A1B3D4E5F6;2,02\n3,AB", updated("C2A1B3D4E5F6", 1) + added("02", 2),
+         firstListed + "02 2 1;"},
+        {"AT+LIST=1,c2a1b3d4e5f6", added("c2a1b3d4e5f6", 1), allReset + "c2a1b3d4e5f6 1 1;"},
+        {"AT+LIST=x,01;3;3,C2A1-B3;;99999999999,02; -4z,03;", added("01", 0) + added("02", 0) + added("03", -4),
+         allReset + "01 0 1;02 0 1;03 -4 1;"},
+        {"AT+LIST=3,", added("", 3), allReset + " 3 1;"},
+        {"AT+LIST=3,01,2;4, 02;5,03 ", "", allReset},
+        {"AT+LIST=1,01;2,01", added("01", 1) + updated("01", 2), allReset + "01 2 1;"},
+        {"AT+LIST=1,01\nAT+LIST=2,02", added("01", 1), allReset + "01 1 1;"},
+        {"AT+LIST=1," + digits + ";2,02", added(kept, 1), allReset + kept + " 1 1;"},
+        {"AT+LIST= none", "", allReset},
+        {"AT+LIST=\n", "", allReset},
+        {"AT+LIST none", "", asBefore},
+        {"", "", asBefore},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);

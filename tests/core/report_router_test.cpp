@@ -33,29 +33,29 @@ TEST(ReportRouter, HandsTheFirst2999CharactersOfTextToTheHandlersOfAllReportsInT
         std::vector<std::string> log;
         bool restarted = false;
     } cases[] = {
-        {.what = "nothing", .chunk = "Service conn, AT+LIS, Client disc, Boot", .log = {}},
-        {.what = "whole chunk is the text", .chunk = "Bootup", .log = {}, .restarted = true},
-        {.what = "restart in the middle", .chunk = "x Bootup\n", .log = {}, .restarted = true},
-        {.what = "the text ends the chunk", .chunk = "x Bootup", .log = {}},
-        {.what = "left", .chunk = left + "\n", .log = leftLog},
-        {.what = "list", .chunk = list + "\n", .log = listLog},
-        {.what = "joined", .chunk = kReport, .log = joinedLog},
-        {.what = "all, in an order of their own", .chunk = kReport + "\n" + list + "\n" + left + ",", .log = all},
-        {.what = "reports before a restart", .chunk = kReport + "\nBootup\n", .log = joinedLog, .restarted = true},
-        {.what = "bytes between characters that are no text",
-         .chunk = "Service connected. \r\x7F\x1F"
-                  "A1B2\xFF\x80"
-                  "C3D4E5F6,1\x01"
-                  "2\n",
-         .log = joinedLog},
-        {.what = "2998", .chunk = reportEndingAt(2998, 0), .log = joinedLog},
-        {.what = "2999", .chunk = reportEndingAt(2999, 0), .log = joinedLog},
-        {.what = "2999 and one", .chunk = reportEndingAt(2999, 1), .log = joinedLog},
-        {.what = "2999 and many", .chunk = reportEndingAt(2999, 7000), .log = joinedLog},
-        {.what = "3000", .chunk = reportEndingAt(3000, 0), .log = cutLog},
-        {.what = "3000 and many", .chunk = reportEndingAt(3000, 7000), .log = cutLog},
-        {.what = "3040", .chunk = reportEndingAt(3040, 0), .log = {}},
-        {.what = "9000", .chunk = reportEndingAt(9000, 1000), .log = {}},
+        {"nothing", "Service conn, AT+LIS, Client disc, Boot", {}},
+        {"whole chunk is the text", "Bootup", {}, true},
+        {"restart in the middle", "x Bootup\n", {}, true},
+        {"the text ends the chunk", "x Bootup", {}},
+        {"left", left + "\n", leftLog},
+        {"list", list + "\n", listLog},
+        {"joined", kReport, joinedLog},
+        {"all, in an order of their own", kReport + "\n" + list + "\n" + left + ",", all},
+        {"reports before a restart", kReport + "\nBootup\n", joinedLog, true},
+        {"bytes between characters that are no text",
+         "Service connected. \r\x7F\x1F"
+         "A1B2\xFF\x80"
+         "C3D4E5F6,1\x01"
+         "2\n",
+         joinedLog},
+        {"2998", reportEndingAt(2998, 0), joinedLog},
+        {"2999", reportEndingAt(2999, 0), joinedLog},
+        {"2999 and one", reportEndingAt(2999, 1), joinedLog},
+        {"2999 and many", reportEndingAt(2999, 7000), joinedLog},
+        {"3000", reportEndingAt(3000, 0), cutLog},
+        {"3000 and many", reportEndingAt(3000, 7000), cutLog},
+        {"3040", reportEndingAt(3040, 0), {}},
+        {"9000", reportEndingAt(9000, 1000), {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);

@@ -59,57 +59,45 @@ TEST(StreamFramer, HeadersHistoryAndSyncErrorState) {
         std::string history = "old";  // afterwards; before it is "old"
         int before = 0, after = 0;    // the sync error state
     } cases[] = {
-        {.block = kFrame + kFrame, .trace = frameTaken(36) + frameTaken(18)},
-        {.block = "xyz" + kFrame, .trace = lost(3) + frameTaken(18)},
-        {.block = "AATAT+DA" + kFrame, .trace = lost(8) + frameTaken(18)},
-        {.block = kFrame + "\0A\0"s + kFrame + "#" + kFrame,
-         .trace = frameTaken(58) + lost(3) + frameTaken(37) + lost(1) + frameTaken(18)},
+        {kFrame + kFrame, frameTaken(36) + frameTaken(18)},
+        {"xyz" + kFrame, lost(3) + frameTaken(18)},
+        {"AATAT+DA" + kFrame, lost(8) + frameTaken(18)},
+        {kFrame + "\0A\0"s + kFrame + "#" + kFrame,
+         frameTaken(58) + lost(3) + frameTaken(37) + lost(1) + frameTaken(18)},
         // Numbers are read as far as they go; what is none counts as 0.
-        {.block = "AT+DAT:#" + kFrame, .trace = headerRead(8, 0, 26) + frameTaken(18)},
-        {.block = "AT+DAT2:0#" + kFrame, .trace = headerRead(10, 0, 28) + frameTaken(18)},
-        {.block = "AT+DAT  +2:\t  +8#" + kPayload, .trace = headerRead(17, 8, 25) + battery(2)},
-        {.block = "AT+DAT2x:8:9#" + kPayload, .trace = headerRead(13, 8, 21) + battery(2)},
-        {.block = "AT+DATx:-#" + kFrame, .trace = headerRead(10, 0, 28) + frameTaken(18)},
-        {.block = "AT+DAT00002:0008#" + kPayload, .trace = headerRead(17, 8, 25) + battery(2)},
-        {.block = "AT+DAT000002:0008#" + kPayload + kFrame, .trace = kDelimiterTooFar + lost(25) + frameTaken(18)},
-        {.block = "AT+DAT28#" + kFrame, .trace = kNoColon + lost(8) + frameTaken(18)},
-        {.block = "AT+DAT#" + kFrame, .trace = kNoColon + lost(6) + frameTaken(18)},
-        {.block = "AT+DAT2:-8#" + kFrame, .trace = kNegativeLength + lost(10) + frameTaken(18)},
-        {.block = "AT+DAT" + kFrame, .trace = headerRead(16, 8, 24) + battery(0)},
+        {"AT+DAT:#" + kFrame, headerRead(8, 0, 26) + frameTaken(18)},
+        {"AT+DAT2:0#" + kFrame, headerRead(10, 0, 28) + frameTaken(18)},
+        {"AT+DAT  +2:\t  +8#" + kPayload, headerRead(17, 8, 25) + battery(2)},
+        {"AT+DAT2x:8:9#" + kPayload, headerRead(13, 8, 21) + battery(2)},
+        {"AT+DATx:-#" + kFrame, headerRead(10, 0, 28) + frameTaken(18)},
+        {"AT+DAT00002:0008#" + kPayload, headerRead(17, 8, 25) + battery(2)},
+        {"AT+DAT000002:0008#" + kPayload + kFrame, kDelimiterTooFar + lost(25) + frameTaken(18)},
+        {"AT+DAT28#" + kFrame, kNoColon + lost(8) + frameTaken(18)},
+        {"AT+DAT#" + kFrame, kNoColon + lost(6) + frameTaken(18)},
+        {"AT+DAT2:-8#" + kFrame, kNegativeLength + lost(10) + frameTaken(18)},
+        {"AT+DAT" + kFrame, headerRead(16, 8, 24) + battery(0)},
         // Headsets 0 to 15; frames of others are skipped whole.
-        {.block = "AT+DAT15:8#" + kPayload, .trace = headerRead(11, 8, 19) + battery(15)},
-        {.block = "AT+DAT16:8#" + kPayload + kFrame, .trace = headerRead(11, 8, 37) + frameTaken(18)},
-        {.block = "AT+DAT-1:8#" + kPayload + kFrame, .trace = headerRead(11, 8, 37) + frameTaken(18)},
-        {.block = "AT+DAT99999999:8#" + kPayload + kFrame, .trace = headerRead(17, 8, 43) + frameTaken(18)},
+        {"AT+DAT15:8#" + kPayload, headerRead(11, 8, 19) + battery(15)},
+        {"AT+DAT16:8#" + kPayload + kFrame, headerRead(11, 8, 37) + frameTaken(18)},
+        {"AT+DAT-1:8#" + kPayload + kFrame, headerRead(11, 8, 37) + frameTaken(18)},
+        {"AT+DAT99999999:8#" + kPayload + kFrame, headerRead(17, 8, 43) + frameTaken(18)},
         // A search that meets the end or a zero byte before a delimiter gives the rest up.
-        {.block = kFrame + "AT+DAT2:8 8 8 8 8", .trace = frameTaken(35) + kNoDelimiter, .history = ""},
-        {.block = "xAT+DAT2:\0008#"s + kFrame, .trace = kNoDelimiter, .history = ""},
-        {.block = "AT+DAT2:8..", .trace = kNoDelimiter, .history = "", .before = kWaited, .after = kWaited},
+        {kFrame + "AT+DAT2:8 8 8 8 8", frameTaken(35) + kNoDelimiter, ""},
+        {"xAT+DAT2:\0008#"s + kFrame, kNoDelimiter, ""},
+        {"AT+DAT2:8..", kNoDelimiter, "", kWaited, kWaited},
         // What is incomplete is kept.
-        {.block = kFrame, .trace = frameTaken(18), .before = kWaited},
-        {.block = "AT+DAT2:99999999#1",
-         .trace = frameWaits(17, 99999999, 18),
-         .history = "AT+DAT2:99999999#1",
-         .after = kWaited},
-        {.block = kFrame + "AT+DAT3:8#1234567",
-         .trace = frameTaken(35) + frameWaits(10, 8, 17),
-         .history = "AT+DAT3:8#1234567",
-         .after = kWaited},
-        {.block = "AT+DAT3:8#",
-         .trace = frameWaits(10, 8, 10),
-         .history = "AT+DAT3:8#",
-         .before = kWaited,
-         .after = kWaited},
-        {.block = "AT+DAT2:8", .trace = "", .history = "AT+DAT2:8", .before = kWaited, .after = kWaited},
-        {.block = kFrame + "#AT+DAT2:", .trace = frameTaken(27), .history = "#AT+DAT2:"},
-        {.block = "AT+DAT123#", .trace = kNoColon + invalidHeaderAtEnd(9), .history = "T+DAT123#"},
-        {.block = "AT+DAT123#.", .trace = kNoColon + nothingFound(9), .history = "+DAT123#."},
+        {kFrame, frameTaken(18), "old", kWaited},
+        {"AT+DAT2:99999999#1", frameWaits(17, 99999999, 18), "AT+DAT2:99999999#1", 0, kWaited},
+        {kFrame + "AT+DAT3:8#1234567", frameTaken(35) + frameWaits(10, 8, 17), "AT+DAT3:8#1234567", 0, kWaited},
+        {"AT+DAT3:8#", frameWaits(10, 8, 10), "AT+DAT3:8#", kWaited, kWaited},
+        {"AT+DAT2:8", "", "AT+DAT2:8", kWaited, kWaited},
+        {kFrame + "#AT+DAT2:", frameTaken(27), "#AT+DAT2:"},
+        {"AT+DAT123#", kNoColon + invalidHeaderAtEnd(9), "T+DAT123#"},
+        {"AT+DAT123#.", kNoColon + nothingFound(9), "+DAT123#."},
         // A frame that was waited for is not there.
-        {.block = "x" + kFrame, .trace = kWaitedInVain + lost(1) + frameTaken(18), .before = kWaited},
-        {.block = "AT+DAT28#" + kFrame,
-         .trace = kNoColon + kWaitedInVain + lost(8) + frameTaken(18),
-         .before = kWaited},
-        {.block = "abcdefghijkl", .trace = kWaitedInVain + nothingFound(9), .history = "defghijkl", .before = kWaited},
+        {"x" + kFrame, kWaitedInVain + lost(1) + frameTaken(18), "old", kWaited},
+        {"AT+DAT28#" + kFrame, kNoColon + kWaitedInVain + lost(8) + frameTaken(18), "old", kWaited},
+        {"abcdefghijkl", kWaitedInVain + nothingFound(9), "defghijkl", kWaited},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.block);
@@ -159,18 +147,15 @@ TEST(StreamFramer, DumpsTrafficWhenAskedTo) {
         std::string block, trace;  // behind the dump of the block
         int state = 0;
     } cases[] = {
-        {.block = textOf(fromHex(hex)), .trace = headerRead(10, 3, 13) + "8 Frame2:41420A\n"},
-        {.block = textOf(fromHex(hex)),
-         .trace = headerRead(10, 3, 13) + "8 Parse error 5 was fixed, length: 13.\n0 Check Data: " + hex +
-                  "\n8 Frame2:41420A\n",
-         .state = 5},
+        {textOf(fromHex(hex)), headerRead(10, 3, 13) + "8 Frame2:41420A\n"},
+        {textOf(fromHex(hex)),
+         headerRead(10, 3, 13) + "8 Parse error 5 was fixed, length: 13.\n0 Check Data: " + hex + "\n8 Frame2:41420A\n",
+         5},
         // Garbage is counted anew after each frame, and no more than 128 bytes of it are shown.
-        {.block = "xAz" + kFrame + "A2" + kFrame,
-         .trace = lost(3) + "0 Lost Data: 78417A\n" + headerRead(10, 8, 38) + dumped + lost(2) + "0 Lost Data: 4132\n" +
-                  headerRead(10, 8, 18) + dumped},
-        {.block = garbage + kFrame,
-         .trace = lost(200) + "0 Lost Data: " + hexOf(bytesOf(garbage.substr(0, 128))) + "\n" + headerRead(10, 8, 18) +
-                  dumped},
+        {"xAz" + kFrame + "A2" + kFrame, lost(3) + "0 Lost Data: 78417A\n" + headerRead(10, 8, 38) + dumped + lost(2) +
+                                             "0 Lost Data: 4132\n" + headerRead(10, 8, 18) + dumped},
+        {garbage + kFrame,
+         lost(200) + "0 Lost Data: " + hexOf(bytesOf(garbage.substr(0, 128))) + "\n" + headerRead(10, 8, 18) + dumped},
     };
     for (const auto& c : cases) {
         ReceiveSession session;
