@@ -2,14 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
-#include <iterator>
-#include <random>
-#include <sstream>
-#include <system_error>
 #include <thread>
 
 #include "core/device_command.h"
-#include "core/reply_handlers.h"
 #include "core/scan.h"
 #include "scenario.h"
 
@@ -114,50 +109,33 @@ TEST_F(Connection, ALineThatIsGoneEndsTheAttemptAtOnce) {
     expectNotConnected();
 }
 
-TEST_F(Connection, RandomTextCutAnywhereIsReadAsTheWholeTextWouldBe) {
-    // What the reply text is made of, and bytes that are no text. The rule: text grows until it holds a report, and the
-    // attempt ends with the end text, unless that ends the text and something stood before it.
-    std::istringstream list(
-        "Service connected.|Service conn|ected.| |    |A1B2C3D4E501,1|A1B2C3D4E502|,|7|\n|\r\n|Group connection finish|"
-        "Group conn|ection finish|noise|\x01\xFF|x\n|" +
-        std::string(300, 'x'));
-    std::vector<std::string> pieces;
-    for (std::string piece; std::getline(list, piece, '|');) {
-        pieces.push_back(piece);
-    }
+TEST_F(Connection, TextGrowsOverReadsUntilItHoldsAReportOrTheEnd) {
+    const std::string report = "Service connected. A1B2C3D4E501,1", end = "Group connection finish";
+    const struct {
+        std::vector<std::string> reads;
+        std::ptrdiff_t reports;
+        bool ends = true;  // else the budget of reads runs out
+    } cases[] = {{{"Service conn", "ected. A1B2C3D4E501,1\n", end}, 1},
+                 {{"x\n" + report + "\nx\n" + report, report + "\n" + end + "\r\n"}, 3},
+                 {{"Serv\x01ice\r con\xFFnected. A1B2C3D4E501,1\n", end}, 1},
+                 {{"Service connected.", " A1B2C3D4E501,1\n", end}, 1},
+                 {{report + "\nGroup conn", "ection finish"}, 1, false},  // the report took its first half along
+                 {{"Group conn", "ection finish"}, 0},
+                 {{"x", end}, 0, false},  // what ends a text does not end the attempt
+                 {{"x", end, "x"}, 0},
+                 {{"x\n" + report, end + "\r\n", report}, 1},
+                 {{end + "\n", report}, 0},
+                 {{"Service connected.\n", "noise", report + "\n" + end}, 1, false}};
     settings.replies.connect = false;
-    std::mt19937 random(11);
-    for (int round = 0; round < 150; ++round) {
-        SCOPED_TRACE(round);
-        std::vector<std::string> reads(1 + random() % 40);
-        for (std::string& read : reads) {
-            for (auto count = 1 + random() % 4; count > 0; --count) {
-                read += pieces[random() % pieces.size()];
-            }
-        }
-        std::string text;
-        int total = 0;
-        DeviceRegistry registry;
-        CallbackTable silent;
-        for (const std::string& read : reads) {
-            std::copy_if(read.begin(), read.end(), std::back_inserter(text),
-                         [](unsigned char c) { return c == '\n' || (c >= 0x20 && c < 0x80); });
-            const std::size_t end = text.find("Group connection finish");
-            if (end != std::string::npos && (text.size() == 23 || end + 23 < text.size())) {
-                break;
-            }
-            if (const int count = collectGroupConnections({registry, silent}, text); count > 0) {
-                total += count;
-                text.clear();
-            }
-        }
-        total += collectGroupConnections({registry, silent}, text);
-
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.reads));
         start();
         received.forget();
-        EXPECT_EQ(attemptAnsweredBy(reads), total > 0);
+        const auto begin = clock_.now();
+        EXPECT_EQ(attemptAnsweredBy(c.reads), c.reports > 0);
+        EXPECT_EQ(clock_.now() - begin < 99s, c.ends);
         const auto events = received.events();
-        EXPECT_EQ(std::count_if(events.begin(), events.end(), [](const EventSeen& e) { return e.code == 2; }), total);
+        EXPECT_EQ(std::ranges::count(events, 2u, &EventSeen::code), c.reports);
         disconnectAll(context_);
     }
 }
@@ -281,20 +259,6 @@ TEST_F(Connection, ACommandTheDongleCannotTakeIsNotSent) {
     EXPECT_TRUE(requests().empty());
     connectGroup(context_, fits, 0);
     EXPECT_EQ(requestCount("AT+GRPCONN="), 1u);
-}
-
-TEST_F(Connection, WithoutAThreadItFailsAndStaysRefusedAndSoDoesAScan) {
-    start();
-    context_.startThread = [](auto) -> std::thread { throw std::system_error(EAGAIN, std::generic_category()); };
-    EXPECT_THROW(attempt(), std::system_error);
-    EXPECT_TRUE(context_.flags.connecting.exchange(false));
-    EXPECT_THROW(scan(context_), std::system_error);
-    EXPECT_TRUE(context_.flags.scanning);
-    EXPECT_FALSE(attempt() || scan(context_));
-    context_.flags.scanning = false;
-    context_.flags.connecting = true;
-    EXPECT_FALSE(attempt() || scan(context_));
-    context_.flags.connecting = false;
 }
 
 class Disconnection : public test::Scenario {};

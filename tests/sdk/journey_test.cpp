@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <numeric>
@@ -91,6 +92,8 @@ std::string zeroEnded(const std::string& text) {
     return text + '\0';
 }
 
+const std::string kDropAll = zeroEnded("AT+DISCONN"), kLinkEnds = eventCall(5, 0);
+
 std::string enveloped(int device, const Bytes& payload) {
     const Bytes frame = envelope(device, payload);
     return {frame.begin(), frame.end()};
@@ -100,6 +103,12 @@ std::string enveloped(int device, const Bytes& payload) {
 std::string command(const char* envelope, const char* frame) {
     const Bytes bytes = fromHex(frame);
     return envelope + std::string(bytes.begin(), bytes.end());
+}
+
+/// How many headsets are connected after it.
+int disconnectPort() {
+    SDK_DisconnectPort();
+    return SDK_GetConnectedDevicesCount();
 }
 
 class Journey : public testing::Test {
@@ -200,49 +209,37 @@ TEST_F(Journey, EveryByteThatTheDongleGets) {
     const struct {
         unsigned target;
         unsigned char code;
-        const char* envelope;
-        const char* frame;
-    } commands[] = {
-        {.target = 3, .code = 0x21, .envelope = "AT+CTL3:", .frame = "AACC0300000021DB"},
-        {.target = 0, .code = 0xFE, .envelope = "AT+CTLAL:", .frame = "AACC03000000FEFE"},
-        {.target = 12, .code = 0, .envelope = "AT+CTL11:", .frame = "AACC0300000000FC"},
-        {.target = 0x102, .code = 5, .envelope = "AT+CTL1:", .frame = "AACC0300000005F7"},
-    };
+        const char *envelope, *frame;
+    } commands[] = {{3, 0x21, "AT+CTL3:", "AACC0300000021DB"},
+                    {0, 0xFE, "AT+CTLAL:", "AACC03000000FEFE"},
+                    {12, 0, "AT+CTL11:", "AACC0300000000FC"},
+                    {0x102, 5, "AT+CTL1:", "AACC0300000005F7"}};
     for (const auto& c : commands) {
         play({{.what = c.envelope,
                .call = [&] { return SDK_SendCommand(c.target, c.code); },
                .bytes = command(c.envelope, c.frame)}});
     }
 
-    const struct {
-        unsigned char length;
-        const char* frame;  // what of the payload 0x11, 0x12, ... and the code 0x42 is sent; nothing when refused
-    } payloads[] = {
-        {.length = 0, .frame = "AACC0300000042BA"},
-        {.length = 1, .frame = "AACC0300001142A9"},
-        {.length = 2, .frame = "AACC030011124297"},
-        {.length = 3, .frame = "AACC031112134284"},
-        {.length = 4, .frame = "AACC0311121314B2"},
-        {.length = 5, .frame = ""},
-        {.length = 6, .frame = ""},
-        {.length = 7, .frame = ""},
-        {.length = 9, .frame = ""},
-        {.length = 8, .frame = "AACC03FF111213141516171800004217"},
-        {.length = 10, .frame = "AACC03FF1112131415161718191A42E4"},
-        {.length = 11, .frame = "AACC031112131415161718191A1B42C8"},
-        {.length = 12, .frame = "AACC031112131415161718191A1B1CEE"},
-        {.length = 13, .frame = ""},
-        {.length = 255, .frame = ""},
-    };
+    // What is sent of the code 0x42 and a payload 0x11, 0x12, ... of this length; others are refused.
+    const std::map<int, const char*> frames{{0, "AACC0300000042BA"},
+                                            {1, "AACC0300001142A9"},
+                                            {2, "AACC030011124297"},
+                                            {3, "AACC031112134284"},
+                                            {4, "AACC0311121314B2"},
+                                            {8, "AACC03FF111213141516171800004217"},
+                                            {10, "AACC03FF1112131415161718191A42E4"},
+                                            {11, "AACC031112131415161718191A1B42C8"},
+                                            {12, "AACC031112131415161718191A1B1CEE"}};
     std::array<unsigned char, 255> payload;
     std::iota(payload.begin(), payload.end(), static_cast<unsigned char>(0x11));
-    for (const auto& c : payloads) {
-        SCOPED_TRACE(int{c.length});
-        unsigned char* const bytes = c.length == 0 ? nullptr : payload.data();
+    for (const int length : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 255}) {
+        SCOPED_TRACE(length);
+        unsigned char* const bytes = length == 0 ? nullptr : payload.data();
+        const auto size = static_cast<unsigned char>(length);
         play({{.what = "payload",
-               .call = [&] { return SDK_SendCommandWithPayload(2, 0x42, bytes, c.length); },
+               .call = [&] { return SDK_SendCommandWithPayload(2, 0x42, bytes, size); },
                .result = 0,
-               .bytes = command(*c.frame == 0 ? "" : "AT+CTL2:", c.frame)}});
+               .bytes = frames.contains(length) ? command("AT+CTL2:", frames.at(length)) : ""}});
     }
 
     play({
@@ -253,16 +250,13 @@ TEST_F(Journey, EveryByteThatTheDongleGets) {
          .bytes = zeroEnded("AT+DISDEV=A1B2C3D4E501"),
          .calls = eventCall(1, 0)},
         {.what = "clean up",
-         .call =
-             [] {
-                 SDK_Cleanup();
-                 return SDK_GetConnectedDevicesCount();
-             },
+         .call = [] { return SDK_Cleanup(), 0; },
          .result = 0,
-         .bytes = zeroEnded("AT+DISCONN"),
-         .calls = eventCall(5, 0)},
+         .bytes = kDropAll,
+         .calls = kLinkEnds},
         {.what = "closed", .call = SDK_ScanDevices, .result = 0},
     });
+    EXPECT_EQ(SDK_GetConnectedDevicesCount(), 0);
     EXPECT_EQ(SDK_GetScanDevicesCount(), 2) << "a scan that fails leaves the list as it was";
 }
 
@@ -273,15 +267,15 @@ TEST_F(Journey, EveryArgumentThatTheHostGets) {
     const std::string heldBack = rawCall(4, -3, std::vector<int>(336)),
                       multi = Packet{.device = 4, .channels = 3}.calls();
     const Post post{0xF1, 8, 0x22, 0x44, 0x33, {0, 1, 0x123456, 0xFFFFFF, 0xFEDCBA, 0x010203, 0x800000, 0x7F}};
-    Post withoutFourth = post;
-    withoutFourth.selector = 7;
-    const std::string batterySent = enveloped(5, batteryFrame(0xC8, 43)), charge = batteryCall(5, 0xC8, 4300);
+    Post three = post;
+    three.selector = 7;  // without the fourth value
+    const std::string charged = enveloped(5, batteryFrame(0xC8, 43)), charge = batteryCall(5, 0xC8, 4300);
     const Bytes half = part(Packet{.channel = 1}.bytes(), 0, 100);
 
     // Behind data that must not arrive, it shows that they have been decoded. Seen inside the library, as no host gets
     // it: the only call that does not ask whether collection is on.
     const Bytes response = responseFrame(0xEE, 0x21, Bytes(12, 7));
-    const std::string responseSent = enveloped(3, response), answered = responseCall(3, response);
+    const std::string asked = enveloped(3, response), answered = responseCall(3, response);
     const auto watchResponses = [&] {
         sdk_.core.callbacks.response = [](void*, int device, unsigned char, unsigned char* frame, int length) {
             calls.add(responseCall(device, {frame, frame + length}));
@@ -295,17 +289,15 @@ TEST_F(Journey, EveryArgumentThatTheHostGets) {
         {.what = "not connected", .call = SDK_StartDataCollection, .result = 0},
         connectPort(),
         connectDevice(),
-        {.what = "response", .answer = responseSent + "Service connected. A1B2C3D4E502,2\n", .calls = eventCall(2, 2)},
+        {.what = "response", .answer = asked + "Service connected. A1B2C3D4E502,2\n", .calls = eventCall(2, 2)},
         {.what = "gate closed",
          .call = watchResponses,
-         .answer = batterySent + enveloped(6, postFrame(post)) + rawSent(250) + responseSent,
+         .answer = charged + enveloped(6, postFrame(post)) + rawSent(250) + asked,
          .calls = answered},
         {.what = "start", .call = SDK_StartDataCollection},
-        {.what = "battery", .answer = batterySent, .calls = charge},
+        {.what = "battery", .answer = charged, .calls = charge},
         {.what = "post", .answer = enveloped(6, postFrame(post)), .calls = postCall(post)},
-        {.what = "post without its fourth value",
-         .answer = enveloped(6, postFrame(withoutFourth)),
-         .calls = postCall(withoutFourth)},
+        {.what = "post of three", .answer = enveloped(6, postFrame(three)), .calls = postCall(three)},
         {.what = "raw", .answer = rawSent(9), .calls = packet},
         {.what = "raw, two lost", .answer = rawSent(12), .calls = lost + lost + packet},
         {.what = "raw, three lost", .answer = rawSent(16), .calls = packet},
@@ -317,31 +309,15 @@ TEST_F(Journey, EveryArgumentThatTheHostGets) {
         {.what = "half a frame", .answer = enveloped(5, half) + rawSent(17), .calls = packet},
         {.what = "start again", .call = SDK_StartDataCollection},
         {.what = "nothing lost", .answer = rawSent(19), .calls = packet},
-        {.what = "nothing left over", .answer = batterySent, .calls = charge},
-        {.what = "stop",
-         .call = SDK_StopDataCollection,
-         .answer = batterySent + rawSent(20) + responseSent,
-         .calls = answered},
+        {.what = "nothing left over", .answer = charged, .calls = charge},
+        {.what = "stop", .call = SDK_StopDataCollection, .answer = charged + rawSent(20) + asked, .calls = answered},
         {.what = "start once more", .call = SDK_StartDataCollection, .answer = rawSent(1), .calls = packet},
-        {.what = "disconnect",
-         .call =
-             [] {
-                 SDK_DisconnectPort();
-                 return SDK_GetConnectedDevicesCount();
-             },
-         .bytes = zeroEnded("AT+DISCONN"),
-         .calls = eventCall(5, 0)},
+        {.what = "disconnect", .call = disconnectPort, .bytes = kDropAll, .calls = kLinkEnds},
         {.what = "over", .call = SDK_StartDataCollection, .result = 0},
         // With collection off the dongle is not told, so its headsets stay and a group is still connected.
         connectPort(),
         connectDevice(),
-        {.what = "disconnect without collection",
-         .call =
-             [] {
-                 SDK_DisconnectPort();
-                 return SDK_GetConnectedDevicesCount();
-             },
-         .result = 2},
+        {.what = "disconnect without collection", .call = disconnectPort, .result = 2},
         connectPort(),
         {.what = "group still connected", .call = [] { return SDK_ConnectDevice("A1B2C3D4E501", 1); }, .result = 0},
     });
@@ -358,10 +334,11 @@ TEST_F(Journey, WithoutAThreadScanAndConnectionFail) {
     const auto usual = std::exchange(sdk_.core.startThread, [](auto) -> std::thread {
         throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
     });
+    // Their flags stay set, so all later calls are refused.
     EXPECT_EQ(SDK_ScanDevices(), 0);
-    sdk_.core.flags.scanning = false;  // it stays set, which is no concern of this test
+    EXPECT_TRUE(sdk_.core.flags.scanning.exchange(false));
     EXPECT_EQ(SDK_ConnectDevice("A1B2C3D4E501", 0), 0);
-    sdk_.core.flags.connecting = false;
+    EXPECT_TRUE(sdk_.core.flags.connecting.exchange(false));
     sdk_.core.startThread = usual;
     EXPECT_EQ(SDK_GetConnectedDevicesCount(), 0);
 }

@@ -28,8 +28,7 @@ using namespace std::chrono_literals;
         }                                                                                \
     } while (false)
 
-std::atomic<long> packets{0};
-std::atomic<long> lastEvent{0};
+std::atomic<long> packets{0}, lastEvent{0};
 
 void onRaw(int, int, int*, int) {
     ++packets;
@@ -46,24 +45,18 @@ struct Sdk {
         return library.function<Function>(name);
     }
     int call(const char* name) const { return get<int()>(name)(); }
-    void run(const char* name) const { get<void()>(name)(); }
     int connectPort(const std::string& port) const { return get<int(const char*)>("SDK_ConnectPort")(port.c_str()); }
 
     test::SharedLibrary library;
 };
 
-dongle::Settings fastDongle() {
-    dongle::Settings settings = dongle::defaultSettings(1);
-    settings.headsets[0].sampleRate = 2000;
-    settings.replies.connectDuration = 10ms;
-    settings.replies.streamDelay = 10ms;
-    return settings;
-}
-
 /// The host, its dongle, and data flowing.
 struct Streaming {
     explicit Streaming(const std::string& path) : sdk(path), line(test::plugLine()) {
-        dongle = std::make_unique<dongle::Runner>(fastDongle(), std::move(line.dongleEnd));
+        dongle::Settings settings = dongle::defaultSettings(1);
+        settings.headsets[0].sampleRate = 2000;
+        settings.replies.connectDuration = settings.replies.streamDelay = 10ms;
+        dongle = std::make_unique<dongle::Runner>(settings, std::move(line.dongleEnd));
         CHECK(sdk.call("SDK_Init") == 1);
         sdk.get<void(RawDataCallback)>("SDK_SetRawDataCallback")(onRaw);
         sdk.get<void(EventCallback)>("SDK_SetEventCallback")(onEvent);
@@ -143,8 +136,8 @@ void restart(const std::string& path) {
     }));
     CHECK(streaming.sdk.call("SDK_StopDataCollection") == 1);
     CHECK(streaming.sdk.call("SDK_StartDataCollection") == 1);
-    streaming.sdk.run("SDK_DisconnectPort");
-    streaming.sdk.run("SDK_Cleanup");
+    streaming.sdk.get<void()>("SDK_DisconnectPort")();
+    streaming.sdk.get<void()>("SDK_Cleanup")();
     CHECK(lastEvent == before);
     std::exit(0);
 }
