@@ -10,23 +10,23 @@ work=$(mktemp -d)
 trap 'kill "${dongle:-}" 2>/dev/null; rm -rf "$work"' EXIT
 cd "$work" || exit 1
 
-failed=0
-empty=0
+appears() {
+    for ((wait = 0; wait < 500; wait++)); do
+        [ -e "$1" ] && return
+        sleep 0.02
+    done
+}
+
+failed=0 empty=0
 for ((i = 1; i <= kills; i++)); do
     rm -f -- *
     "$build/dongle/velmora-dongle" --headsets 2 --channels 8 --rate 500 --packing single --lose 0.1 --seed "$i" \
         --link "$work/port" --account account.csv --quiet >dongle.log 2>&1 &
     dongle=$!
-    for ((wait = 0; wait < 100; wait++)); do
-        [ -e port ] && break
-        sleep 0.02
-    done
+    appears port
     "$velmora" record --port "$work/port" --all -o take --quiet --max-loss 100 >record.log 2>&1 &
     recorder=$!
-    for ((wait = 0; wait < 500; wait++)); do
-        [ -e take.json ] && break
-        sleep 0.02
-    done
+    appears take.json
     sleep "$((RANDOM % 9)).$((RANDOM % 10))"
     kill -9 "$recorder"
     wait "$recorder" 2>/dev/null

@@ -46,12 +46,22 @@ struct Session {
         }
     }
     EdfFile edf(const std::string& name = "take.edf") { return EdfFile::readBytes(files.content(name).value()); }
+    /// The file of a recording that then ends.
+    EdfFile whole(const std::vector<velmora_record>& records) {
+        play(records);
+        recording->finish();
+        return edf();
+    }
 
     Options options;
     MemoryFiles files;
     std::vector<std::string> notices;
     std::unique_ptr<Recording> recording;
 };
+
+void sortByTime(std::vector<velmora_record>& records) {
+    std::stable_sort(records.begin(), records.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
+}
 
 bool has(const EdfFile& file, const std::string& text, double onset = -1) {
     return std::any_of(file.annotations.begin(), file.annotations.end(), [&](const auto& annotation) {
@@ -81,15 +91,10 @@ TEST(Recording, EverySampleStandsInItsPlaceAndEveryLossIsMarked) {
         const auto records = headset.records();
         Options options;
         options.rate = c.rate;
-        Session run(options);
-        run.play(records);
-        run.recording->finish();
-        const EdfFile file = run.edf();
+        const EdfFile file = Session(options).whole(records);
         EXPECT_EQ(static_cast<int>(file.signals.size()), c.channels);
-        std::int64_t origin = INT64_MAX;
-        for (const auto& record : records)
-            origin = std::min(origin, record.sample);
-        EXPECT_EQ(test::difference(file, records, c.rate, origin), "");
+        const auto first = std::ranges::min_element(records, {}, &velmora_record::sample);
+        EXPECT_EQ(test::difference(file, records, c.rate, first->sample), "");
         EXPECT_LE(file.recordSeconds, 1);
     }
 }
@@ -101,11 +106,8 @@ TEST(Recording, EqualLossesOfChannelsAreOneAnnotationThatNamesThem) {
     };
     Options options;
     options.labels = {"Fp1", "Fp2", "O1", "O2"};
-    Session run(options);
-    run.play(headset.records());
-    run.recording->finish();
     std::vector<std::string> lost;
-    for (const auto& annotation : run.edf().annotations) {
+    for (const auto& annotation : Session(options).whole(headset.records()).annotations) {
         if (annotation.text.rfind("BAD_lost", 0) == 0) {
             lost.push_back(annotation.text);
             EXPECT_NEAR(annotation.duration, 112.0 / 500, 1e-6);
@@ -120,19 +122,18 @@ TEST(Recording, HeaderAndEventsOfASession) {
     headset.lost = [](int, std::int64_t sample) { return sample >= 2500 && sample < 3750; };
     auto records = headset.records();
     const std::int64_t first = headset.start;
-    std::vector<velmora_record> extra{test::eventRecord(VELMORA_EVENT_DISCONNECTED, 0, first + 11 * kSecond),
-                                      test::eventRecord(VELMORA_EVENT_RESTARTED, -1, first + 12 * kSecond),
-                                      test::eventRecord(VELMORA_EVENT_CONNECTED, 0, first + 14 * kSecond)};
+    records.push_back(test::eventRecord(VELMORA_EVENT_DISCONNECTED, 0, first + 11 * kSecond));
+    records.push_back(test::eventRecord(VELMORA_EVENT_RESTARTED, -1, first + 12 * kSecond));
+    records.push_back(test::eventRecord(VELMORA_EVENT_CONNECTED, 0, first + 14 * kSecond));
     for (const std::uint32_t level : {200U, 200U, 199U}) {
         velmora_record battery{};
         battery.kind = VELMORA_BATTERY;
         battery.time = first + (level == 200 ? 2 : 8) * kSecond;
         battery.values[0] = level;
         battery.values[1] = 3700;
-        extra.push_back(battery);
+        records.push_back(battery);
     }
-    records.insert(records.end(), extra.begin(), extra.end());
-    std::stable_sort(records.begin(), records.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
+    sortByTime(records);
     Options options;
     options.unit = "uV";
     options.gain = 0.1;
@@ -153,14 +154,12 @@ TEST(Recording, HeaderAndEventsOfASession) {
     EXPECT_EQ(file.signals[0].physicalMin, -3276.8);
     EXPECT_EQ(file.signals[0].physicalMax, 3276.7);
     EXPECT_EQ(test::difference(file, records, 250), "");
-    EXPECT_TRUE(has(file, "UTC offset +02:00", 0));
-    EXPECT_TRUE(has(file, "headset disconnected", 11));
-    EXPECT_TRUE(has(file, "dongle restarted", 12));
-    EXPECT_TRUE(has(file, "headset connected", 14));
-    EXPECT_TRUE(has(file, "battery 200, 3700", 2));
-    EXPECT_TRUE(has(file, "battery 199, 3700", 8));
-    EXPECT_TRUE(has(file, "eyes \xE7\x9B\xAE open ", 20));
-    EXPECT_TRUE(has(file, "BAD_gap all channels"));
+    const std::map<double, const char*> events{{-1, "BAD_gap all channels"}, {0, "UTC offset +02:00"},
+                                               {2, "battery 200, 3700"},     {8, "battery 199, 3700"},
+                                               {11, "headset disconnected"}, {12, "dongle restarted"},
+                                               {14, "headset connected"},    {20, "eyes \xE7\x9B\xAE open "}};
+    for (const auto& [onset, text] : events)
+        EXPECT_TRUE(has(file, text, onset)) << text;
     EXPECT_EQ(std::count_if(file.annotations.begin(), file.annotations.end(),
                             [](const auto& a) { return a.text.rfind("battery", 0) == 0; }),
               2);
@@ -198,9 +197,7 @@ TEST(Recording, ALongGapBeginsAnotherFile) {
     const auto records = headset.records();
     const auto later = std::find_if(records.begin(), records.end(), [](const auto& r) { return r.sample > 600 * 250; });
     Session run({});
-    run.play(records);
-    run.recording->finish();
-    const EdfFile first = run.edf();
+    const EdfFile first = run.whole(records);
     EXPECT_EQ(first.records, 11);
     EXPECT_EQ(test::difference(first, {records.begin(), later}, 250), "");
     const EdfFile second = run.edf("take-2.edf");
@@ -239,18 +236,13 @@ TEST(Recording, RateIsMeasuredOrAskedFor) {
 
 TEST(Recording, SeveralHeadsetsHaveFilesOfTheirOwn) {
     Session run({}, 2);
-    SimulatedHeadset headset;
+    const SimulatedHeadset headset;
     auto records = headset.records();
-    headset.number = 1;
-    headset.rate = 250;
-    headset.channels = 2;
-    headset.start += 3 * kSecond;
-    const auto others = headset.records();
-    records.insert(records.end(), others.begin(), others.end());
-    headset.number = 7;  // not chosen
-    const auto strangers = headset.records();
-    records.insert(records.end(), strangers.begin(), strangers.end());
-    std::stable_sort(records.begin(), records.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
+    const auto others = SimulatedHeadset{.number = 1, .channels = 2, .rate = 250, .start = 4 * kSecond}.records();
+    const auto strangers = SimulatedHeadset{.number = 7}.records();  // not chosen
+    for (const auto* more : {&others, &strangers})
+        records.insert(records.end(), more->begin(), more->end());
+    sortByTime(records);
     velmora_record processed{};
     processed.kind = VELMORA_PROCESSED;
     processed.headset = 1;
@@ -317,8 +309,7 @@ TEST(Recording, KilledAtAnyMomentCostsTheLastSecond) {
     headset.lost = [](int, std::int64_t sample) { return sample > 4000 && sample < 5200; };
     const auto records = headset.records();
     Session run({});
-    run.play(records);
-    run.recording->finish();
+    run.whole(records);
     std::size_t opened = 0;
     const auto& operations = run.files.operations;
     for (std::size_t i = 0; i < operations.size(); ++i) {
@@ -371,26 +362,25 @@ TEST(Recording, NamesAndOptionsThatCannotBe) {
     for (const char* name : {"", "-", "folder/", "folder\\", ".edf", "folder/.csv"})
         EXPECT_THROW(Target::parse(name), std::invalid_argument) << name;
 
-    const auto refused = [](auto&& change) {
+    Options good;
+    good.labels = {"Fp1", "a label of 16 c"};
+    EXPECT_NO_THROW(checkOptions(good));
+    const std::function<void(Options&)> mistakes[] = {[](Options& o) { o.labels = {"a label of 17 cha"}; },
+                                                      [](Options& o) {
+                                                          o.labels = {"Fp1", "Fp1"};
+                                                      },
+                                                      [](Options& o) { o.labels = {"\xC3\xA4"}; },
+                                                      [](Options& o) { o.unit = "\xC2\xB5V"; },
+                                                      [](Options& o) { o.gain = 0; },
+                                                      [](Options& o) { o.gain = 1e-12; },
+                                                      [](Options& o) { o.gain = 1e9; },
+                                                      [](Options& o) { o.rate = 0.5; },
+                                                      [](Options& o) { o.rate = NAN; }};
+    for (const auto& mistake : mistakes) {
         Options options;
-        change(options);
-        try {
-            checkOptions(options);
-            return false;
-        } catch (const std::invalid_argument&) {
-            return true;
-        }
-    };
-    EXPECT_FALSE(refused([](Options& o) { o.labels = {"Fp1", "a label of 16 c"}; }));
-    EXPECT_TRUE(refused([](Options& o) { o.labels = {"a label of 17 cha"}; }));
-    EXPECT_TRUE(refused([](Options& o) { o.labels = {"Fp1", "Fp1"}; }));
-    EXPECT_TRUE(refused([](Options& o) { o.labels = {"\xC3\xA4"}; }));
-    EXPECT_TRUE(refused([](Options& o) { o.unit = "\xC2\xB5V"; }));
-    EXPECT_TRUE(refused([](Options& o) { o.gain = 0; }));
-    EXPECT_TRUE(refused([](Options& o) { o.gain = 1e-12; }));
-    EXPECT_TRUE(refused([](Options& o) { o.gain = 1e9; }));
-    EXPECT_TRUE(refused([](Options& o) { o.rate = 0.5; }));
-    EXPECT_TRUE(refused([](Options& o) { o.rate = NAN; }));
+        mistake(options);
+        EXPECT_THROW(checkOptions(options), std::invalid_argument) << &mistake - mistakes;
+    }
 }
 
 // The header has eight characters for each number, and a record 61,440 bytes.
