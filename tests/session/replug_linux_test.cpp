@@ -153,17 +153,15 @@ TEST(Find, TellsWhatEachPortIs) {
     dumb.replies.pingText = "ERROR\n";
     const auto modem = plugIn(dumb);
 
-    machine.plug(silent->hostPath(), "");
-    machine.plug(held->hostPath(), "");
-    machine.plug(streaming->hostPath(), "");
-    machine.plug(slow->hostPath(), "");
-    machine.plug(modem->hostPath(), "");
-    machine.plug("/dev/no-such-port", "");
-    machine.plug("/dev/forbidden", "", VELMORA_FORBIDDEN);
-    machine.plug("/dev/null", "", VELMORA_OK, false);
+    const std::pair<std::string, velmora_status> expected[] = {
+        {silent->hostPath(), VELMORA_NOT_A_DONGLE}, {held->hostPath(), VELMORA_HELD},
+        {streaming->hostPath(), VELMORA_OK},        {slow->hostPath(), VELMORA_OK},
+        {modem->hostPath(), VELMORA_NOT_A_DONGLE},  {"/dev/no-such-port", VELMORA_NOT_FOUND},
+        {"/dev/forbidden", VELMORA_FORBIDDEN},      {"/dev/null", VELMORA_INVALID}};
+    for (const auto& [path, status] : expected) {
+        machine.plug(path, "", status == VELMORA_FORBIDDEN ? status : VELMORA_OK, path != "/dev/null");
+    }
 
-    termios before{};
-    ::tcgetattr(holder, &before);
     const int watch = ::open(silent->hostPath().c_str(), O_RDWR | O_NOCTTY);
     termios found{};
     ::tcgetattr(watch, &found);
@@ -172,13 +170,11 @@ TEST(Find, TellsWhatEachPortIs) {
 
     std::vector<velmora_port> ports;
     EXPECT_TRUE(velmora::findDongles(machine.environment(), false, nullptr, ports).ok());
-    const velmora_status expected[] = {VELMORA_NOT_A_DONGLE, VELMORA_HELD,      VELMORA_OK,        VELMORA_OK,
-                                       VELMORA_NOT_A_DONGLE, VELMORA_NOT_FOUND, VELMORA_FORBIDDEN, VELMORA_INVALID};
     ASSERT_EQ(ports.size(), std::size(expected));
     for (std::size_t i = 0; i < ports.size(); ++i) {
-        EXPECT_EQ(ports[i].status, expected[i]) << ports[i].path << ": " << ports[i].text;
-        EXPECT_EQ(std::string(ports[i].text).starts_with("A dongle answered within "), expected[i] == VELMORA_OK)
-            << ports[i].text;
+        SCOPED_TRACE(ports[i].path + std::string(": ") + ports[i].text);
+        EXPECT_EQ(ports[i].status, expected[i].second);
+        EXPECT_EQ(std::string(ports[i].text).starts_with("A dongle answered within "), ports[i].status == VELMORA_OK);
         EXPECT_STRNE(ports[i].text, "");
     }
     termios after{};

@@ -88,8 +88,7 @@ class Pair {
         while (take(200) > 0) {
         }
         dongle::PacketTotals sent;
-        std::uint64_t harmful = 0;
-        std::uint64_t cut = 0;
+        std::uint64_t harmful = 0, cut = 0;
         runner_->with([&](dongle::Engine& e) {
             sent = e.account()->sum();
             harmful = harmful_;
@@ -106,13 +105,12 @@ class Pair {
         const std::uint64_t slack = 2 * harmful + 2 * cut + cutOff / kPacketBytes + (cutOff > 0 ? gone : 0);
         const bool good =
             delivered_ + slack >= sent.whole && delivered_ <= sent.whole + sent.damaged + cut && dropped_ == 0;
-        std::cout << "dongle " << number << ": produced " << sent.produced << " = lost " << sent.lost << " + dropped "
-                  << sent.dropped << " + unread " << sent.unread << " + damaged " << sent.damaged << " + whole "
-                  << sent.whole << "; delivered " << delivered_ << ", harmful damage " << harmful << ", cut short "
-                  << cut << "; gone " << gone << ", restarted " << events_[VELMORA_EVENT_RESTARTED] << ", connections "
-                  << events_[VELMORA_EVENT_CONNECTED] << "; cut off " << cutOff << " bytes; stray bytes "
-                  << seen.stray_bytes << ", headers " << seen.damaged_headers << ", incomplete "
-                  << seen.incomplete_frames << (good ? ": good" : ": WRONG") << std::endl;
+        std::cout << "dongle " << number << ": " << sent.produced << " packets, " << sent.lost << " lost, "
+                  << sent.dropped << " dropped, " << sent.unread << " unread, " << sent.damaged << " damaged, "
+                  << sent.whole << " whole; delivered " << delivered_ << ", harmful damage " << harmful
+                  << ", cut short " << cut << "; gone " << gone << ", restarted " << events_[VELMORA_EVENT_RESTARTED]
+                  << ", cut off " << cutOff << " bytes, stray " << seen.stray_bytes << (good ? ": good" : ": WRONG")
+                  << std::endl;
         return good;
     }
 
@@ -159,10 +157,8 @@ class Pair {
     std::vector<velmora_record> records_{std::vector<velmora_record>(512)};
     velmora_status status_ = VELMORA_OK;
     bool again_ = true;
-    std::uint64_t delivered_ = 0;
-    std::uint64_t dropped_ = 0;
-    std::uint64_t harmful_ = 0;  // these two belong to the runner
-    std::uint64_t cut_ = 0;
+    std::uint64_t delivered_ = 0, dropped_ = 0;
+    std::uint64_t harmful_ = 0, cut_ = 0;  // of the runner's thread
     std::array<int, 16> events_{};
     std::atomic<bool> stop_{false};
     test::FakeMachine machine_;
