@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Whole programs against virtual dongles: programs_test.sh VELMORA VELMORA_DONGLE EXAMPLE_HOST ACCOUNT_CHECK
-# Groups of cases run side by side, each in a folder and on a dongle of its own.
+# Groups of cases run side by side, each in a folder and on a dongle of its own. With KILLS=N in the environment N
+# recordings are killed, at random moments, each of which may cost the last second.
 set -uo pipefail
 velmora=$1 velmora_dongle=$2 example_host=$3 account_check=$4
 
@@ -210,6 +211,7 @@ recorded() {
     "$velmora" record --port "$port" --rate 500 -o "$3" --force --max-loss 100 >out 2>err </dev/null &
     program=$!
     holds "$4" "$5"
+    sleep "${linger:-0}"
     ended "$1" "$2"
 }
 # Ctrl-C ends a recording in order, in either format; a killed one opens all the same.
@@ -221,8 +223,12 @@ group_interrupted() {
     recorded INT 0 take-A1B2C3D4E501 take-A1B2C3D4E501.edf EDF+C
     holds out "take-A1B2C3D4E501.edf: XAI-01 (A1B2C3D4E501), "
     whole take-A1B2C3D4E501.edf 4
-    recorded KILL 137 killed-A1B2C3D4E501 killed-A1B2C3D4E501.edf EDF+C
-    whole killed-A1B2C3D4E501.edf 4
+    for _ in $(seq "${KILLS:-1}"); do
+        rm -f killed*
+        linger=${KILLS:+$((RANDOM % 9)).$((RANDOM % 10))}
+        recorded KILL 137 killed-A1B2C3D4E501 killed-A1B2C3D4E501.edf EDF+C
+        whole killed-A1B2C3D4E501.edf 4 "${KILLS:+1.1}"
+    done
 }
 
 # A limit or a disk that is full ends a recording, and everything opens.
