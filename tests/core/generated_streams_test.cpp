@@ -1,18 +1,17 @@
-#include <gtest/gtest.h>
-
-#include <map>
+#include <sstream>
 
 #include "support/dice.h"
 #include "support/receive_session.h"
+#include "support/testing.h"
 
 namespace test {
 namespace {
 
-/// Random envelopes of whole frames of 16 headsets. It begins with a packet of channel 0 of every headset, so that no
-/// other is held back. What one read can bring is its limit.
+/// Random envelopes of whole frames of 16 headsets, none of whose packets is missing. It begins with a packet of
+/// channel 0 of every headset, so that no other is held back. What one read can bring is its limit.
 struct Stream {
     Stream(Dice& dice, bool merged) {
-        std::map<std::pair<int, int>, int> next;  // counter, by headset and channel
+        std::map<std::pair<int, int>, std::size_t> next;  // counter, by headset and channel
         constexpr std::size_t kLongestEnvelope = 12 + 3 * 230;
         const auto full = [&] { return bytes.size() + kLongestEnvelope > kxorbeta_if::ReceiveBuffer::kReadSize; };
         for (int sent = 0; sent < 40 && !full(); ++sent) {
@@ -25,12 +24,8 @@ struct Stream {
                 if (kind < 7) {
                     Packet packet{.device = device, .seed = byte};
                     (kind < 5 ? packet.channel : packet.channels) = opening ? 0 : static_cast<int>(1 + dice.pick(15));
-                    const auto [expected, first] = next.try_emplace({device, packet.channel}, dice.pick(256));
-                    // Mostly one after the other, sometimes any.
-                    const std::size_t step = dice.oneIn(6) ? dice.pick(256) : dice.oneIn(6) ? 1 : 0;
-                    packet.counter = static_cast<int>(static_cast<std::size_t>(expected->second) + step) % 256;
-                    jumps += !first && packet.counter != expected->second;
-                    expected->second = (packet.counter + 1) % 256;
+                    std::size_t& counter = next.try_emplace({device, packet.channel}, dice.pick(256)).first->second;
+                    packet.counter = static_cast<int>(counter++ % 256);
                     append(payload, packet.bytes());
                     calls += packet.calls(merged);
                 } else if (kind == 7) {
@@ -61,89 +56,44 @@ struct Stream {
     }
     Bytes bytes;
     std::vector<std::size_t> cuts;
-    std::string calls;  // what a host must get, beside what makes up for losses
-    int jumps = 0;      // of counters: each is a loss
-};
-
-/// What a session made of a stream, taken apart.
-struct Result {
-    explicit Result(const std::string& trace) {
-        for (std::size_t at = 0, end = 0; at < trace.size(); at = end) {
-            end = trace.find('\n', at) + 1;
-            const std::string line = trace.substr(at, end - at);
-            if (line.find("not enough data") != std::string::npos) {
-                continue;  // depends on the cuts
-            }
-            whole += line;
-            if (line.find("Lost data chan") != std::string::npos) {
-                ++losses;
-                mayBridge = true;
-            } else if (line.ends_with(" zeros\n")) {
-                strayZeros += !mayBridge;
-            } else {
-                mayBridge = false;
-                calls += line;
-            }
-        }
-    }
-    std::string whole;  // all lines
-    std::string calls;  // without losses and substitutes
-    int losses = 0;
-    int strayZeros = 0;  // that do not stand between a loss and the packet behind it
-
-  private:
-    bool mayBridge = false;
+    std::string calls;  // what a host must get
 };
 
 TEST(GeneratedStreams, AreReadWholeInAnyCutsAndFoundAgainAfterDamage) {
     for (unsigned seed = 0; seed < 2000; ++seed) {
         SCOPED_TRACE(testing::Message() << "seed " << seed);
         Dice dice{std::mt19937(seed)};
-        ReceiveSession session(-1);
-        ReceiveSession twin(-1);
-        const bool merged = dice.oneIn(2);
-        session.flags.mergedChannels = twin.flags.mergedChannels = merged;
-        const auto feed = [&](ReceiveSession& to, const Bytes& bytes, const std::vector<std::size_t>& cuts) {
-            session.take(), twin.take();  // each sees the log of the other
-            std::string trace;
-            for (std::size_t from = 0; const std::size_t end : cuts) {
-                trace += to.read(std::span(bytes).subspan(from, end - from));
-                from = end;
-            }
-            return Result(trace);
-        };
-        const auto feedBoth = [&](const Bytes& bytes, const std::vector<std::size_t>& cuts) {
-            const Result result = feed(session, bytes, cuts);
-            EXPECT_TRUE(feed(twin, bytes, cuts).whole == result.whole) << "equal reads have equal results";
-            EXPECT_EQ(result.strayZeros, 0);
-            return result;
-        };
-
-        const Stream first(dice, merged);
-        const Result cut = feed(session, first.bytes, first.cuts);
-        ASSERT_TRUE(cut.calls == first.calls) << "cuts: " << testing::PrintToString(first.cuts);
-        EXPECT_EQ(cut.losses, first.jumps);
-        EXPECT_EQ(cut.strayZeros, 0);
-        EXPECT_TRUE(feed(twin, first.bytes, {first.bytes.size()}).whole == cut.whole) << "the cuts make no difference";
+        ReceiveSession session(-2);
+        const bool merged = session.flags.mergedChannels = dice.oneIn(2);
+        const Stream first(dice, merged), last(dice, merged);
+        std::string calls;
+        for (std::size_t from = 0; const std::size_t end : first.cuts) {
+            calls += session.read(std::span(first.bytes).subspan(from, end - from));
+            from = end;
+        }
+        ASSERT_TRUE(calls == first.calls) << "cuts: " << testing::PrintToString(first.cuts);
 
         Bytes damaged = Stream(dice, merged).bytes;
         damage(dice, damaged, 30);
-        std::vector<std::size_t> cuts;
-        for (std::size_t at = 0; at < damaged.size();
-             cuts.push_back(at = std::min(at + 1 + dice.pick(3000), damaged.size()))) {
+        while (!damaged.empty()) {
+            const std::size_t length = std::min(1 + dice.pick(3000), damaged.size());
+            session.read(std::span(damaged).first(length));
+            damaged = part(damaged, length);
         }
-        feedBoth(damaged, cuts);
         // The next block may begin with a history that claims all of it. It then passes nothing on, and without one it
         // is whole frames to its end: either way the one after it begins without history. A queue may hold up to 229
         // bytes that look like the beginning of a packet. No frame begins in zeros, and 230 complete what came before.
-        Bytes flush;
+        session.read(first.bytes);
         for (int device = 0; device < 16; ++device) {
-            append(flush, envelope(device, Bytes(230)));
+            session.read(envelope(device, Bytes(230)));
         }
-        feedBoth(first.bytes, {first.bytes.size()});
-        feedBoth(flush, {flush.size()});
-        const Stream last(dice, merged);
-        ASSERT_TRUE(feedBoth(last.bytes, {last.bytes.size()}).calls == last.calls);
+        // Between the streams packets seem to be lost, and what makes up for one or two of them is all zeros.
+        std::istringstream lines(session.read(last.bytes));
+        calls.clear();
+        for (std::string line; std::getline(lines, line);) {
+            calls += line.ends_with(" zeros") ? "" : line + "\n";
+        }
+        ASSERT_TRUE(calls == last.calls);
         ASSERT_EQ(session.buffer.history().length(), 0);
     }
 }

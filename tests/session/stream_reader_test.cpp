@@ -1,13 +1,12 @@
 #include "session/stream_reader.h"
 
-#include <gtest/gtest.h>
-
 #include <numeric>
 
 #include "session/reference_reader.h"
 #include "session/traced_reader.h"
 #include "support/dice.h"
 #include "support/stream_builder.h"
+#include "support/testing.h"
 
 namespace test {
 namespace {
@@ -36,7 +35,7 @@ std::vector<Case> cases() {
     const Bytes shortResponse = responseFrame(0xDD, 0x21, {1, 2, 3, 4});
     // The first eight bytes are a response as well.
     const Bytes longResponse = responseFrame(0xEE, 0x10, {0, 0, 0, 0, 0xEF, 1, 1, 1, 1, 1, 1, 1});
-    const Bytes half = part(longResponse, 0, 8), rest = part(longResponse, 8);
+    const Bytes half = part(longResponse, 0, 8);
     const std::string connected = "Service connected. A1B2C3D4E5F6,3";
     const Bytes everything = bytesOf("AT+OK\r\nBootup\nFinish scan\nService connected. A1B2C3D4E5F6,1\nAT+DAT1:8#");
     return {
@@ -63,11 +62,7 @@ std::vector<Case> cases() {
         {"scan lines during a scan", bytesOf("Start scan\r\nA1B2C3D4E5F6,1 XAI-07\r\nFinish scan\r\n"),
          "text 8 Start scan\ntext 7 A1B2C3D4E5F6,1 XAI-07\ntext 2 Finish scan\n", 0, true},
         {"a payload with all texts and a header",
-         joined({envelope(1, everything),
-                 envelope(1, battery),
-                 envelope(1, everything),
-                 bytesOf("AT+OK"),
-                 {1},
+         joined({envelope(1, everything), envelope(1, battery), envelope(1, everything), bytesOf("AT+OK"), Bytes{1},
                  envelope(1, battery)}),
          frameLine(1, 2, battery) + "text 0 AT+OK\n" + frameLine(1, 2, battery), 2 * everything.size() + 1},
         {"stray bytes",
@@ -183,79 +178,39 @@ TEST(StreamReader, WhatAHeadsetLeftBehindCanBeDropped) {
     EXPECT_EQ(reader.trace, "text 8 up\n" + frameLine(4, 0, raw(3)));
 }
 
-/// Generated streams, whole and damaged, in random reads with random pauses, against the slow and obvious reader.
-class Generator : public Dice {
-  public:
-    explicit Generator(unsigned seed) : Dice{std::mt19937(seed)} {}
-
-    Bytes stream() {
-        Bytes line;
-        for (std::size_t items = 3 + pick(20); items > 0; --items) {
-            if (pick(4) == 0) {
-                static const std::string kTexts =
-                    "|\n|AT+OK\r\n|AT+OK|Bootup\r\n|Bootup|Finish scan\n|Group connection finish|Start scan\n|"
-                    "Service connected. A1B2C3D4E5F6,3\r\n|Client disconnected,A1B2C3D4E5F6,19\n|AT+DAT\n|what\n|"
-                    "AT+LIST=1,A1B2C3D4E5F6;2,A1B2C3D4E5F7\n|A1B2C3D4E5F6,1 XAI-07\r\n|";
-                const std::size_t start = kTexts.find('|', pick(kTexts.size() - 30)) + 1;
-                const std::string text = kTexts.substr(start, kTexts.find('|', start) - start);
-                const std::size_t cut = pick(3) == 0 ? pick(text.size()) : text.size();
-                append(line, bytesOf(text.substr(0, cut)));
-                append(line, pick(2) == 0 ? frame() : Bytes{});
-                append(line, bytesOf(text.substr(cut)));
-            } else {
-                append(line, frame());
-            }
-        }
-        return line;
+/// Some of the cases, one behind the other or in the middle of each other.
+Bytes stream(Dice& dice) {
+    static const std::vector<Case> all = cases();
+    Bytes line;
+    for (std::size_t items = 2 + dice.pick(8); items > 0; --items) {
+        const Bytes& more = all[dice.pick(all.size())].bytes;
+        const std::size_t at = dice.oneIn(3) ? dice.pick(line.size() + 1) : line.size();
+        line.insert(line.begin() + static_cast<std::ptrdiff_t>(at), more.begin(), more.end());
     }
+    return line;
+}
 
-  private:
-    Bytes headsetFrame() {
-        const auto byte = static_cast<std::uint8_t>(pick(256));
-        const Bytes frames[] = {batteryFrame(byte, byte),
-                                postFrame({byte, 8, byte, 2, 3, {1, 2, byte}}),
-                                responseFrame(0xDD, byte, {byte, 2, 3, 4}),
-                                responseFrame(0xEE, byte, Bytes(12, byte)),
-                                rawFrame(singleChannel(2), samples(byte), byte),
-                                rawFrame(multiChannel(3), samples(byte), byte)};
-        return frames[pick(std::size(frames))];
-    }
-    /// Some bytes of what a headset has to send, which frames' ends do not heed.
-    Bytes frame() {
-        const std::size_t index = pick(3);
-        Bytes& waiting = waiting_[index];
-        for (std::size_t frames = pick(4); frames > 0; --frames) {
-            append(waiting, headsetFrame());
-        }
-        const std::size_t size = pick(3) == 0 ? pick(waiting.size() + 1) : waiting.size();
-        const Bytes payload = part(waiting, 0, size);
-        waiting = part(waiting, size);
-        return envelope(static_cast<int>(index), payload);
-    }
-
-    std::array<Bytes, 3> waiting_;
-};
-
+/// Streams, whole and damaged, in random reads with random pauses, against the slow and obvious reader.
 TEST(StreamReader, AgreesWithTheObviousReader) {
     for (unsigned seed = 0; seed < 3000; ++seed) {
         SCOPED_TRACE(testing::Message() << "seed " << seed);
-        Generator generator(seed);
+        Dice dice{std::mt19937(seed)};
         TracedReader reader;
         ReferenceReader reference;
         const bool damaged = seed % 3 != 0;
         int ms = 0;
         for (int streams = 0; streams < 2; ++streams) {
-            const bool scanning = generator.pick(4) == 0;
+            const bool scanning = dice.pick(4) == 0;
             reader.reader->setScanning(scanning);
             reference.scanning = scanning;
-            Bytes line = generator.stream();
+            Bytes line = stream(dice);
             if (damaged) {
-                damage(generator, line, 8);
+                damage(dice, line, 8);
             }
-            const std::size_t longest = generator.pick(2) == 0 ? 30 : 2000;
+            const std::size_t longest = dice.pick(2) == 0 ? 30 : 2000;
             for (std::size_t from = 0, to = 0; from < line.size(); from = to) {
-                to = from + 1 + generator.pick(longest);
-                ms += static_cast<int>(damaged && generator.pick(20) == 0 ? generator.pick(1500) : generator.pick(3));
+                to = from + 1 + dice.pick(longest);
+                ms += static_cast<int>(damaged && dice.pick(20) == 0 ? dice.pick(1500) : dice.pick(3));
                 reader.read(part(line, from, to), ms);
                 reference.read(part(line, from, to), ms);
             }
