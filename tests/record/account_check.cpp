@@ -107,44 +107,34 @@ class Channel {
 };
 
 struct Finding {
-    std::int64_t found = 0;
-    std::int64_t lost = 0;
-    std::string problem = "no packet of the account is in it";
+    std::int64_t found = 0, lost = 0;
+    std::string problem;
 };
 
 // As if the file began with the packet `first`. Packets of which less than `must` is sure may be missing at the end.
 Finding follow(const Channel& channel, std::span<const Packet> packets, int channels, std::int64_t must) {
     Finding finding;
-    const auto problem = [&](const Packet& packet, const char* what) {
-        finding.problem = "packet " + std::to_string(packet.number) + ' ' + what;
-        return finding;
-    };
     std::int64_t next = 0;                            // behind the last packet
     std::int64_t expected = channel.firstGood(next);  // the same, with what was lost since
     int connection = packets.front().connection;
     for (const Packet& packet : packets) {
         if (std::exchange(connection, packet.connection) != packet.connection)
             expected = channel.firstGood(next);
-        if (!packet.whole) {
-            finding.lost += 1;
-            expected += kPacketSamples;
+        if (packet.whole && !channel.holds(packet, channels, expected)) {
+            if (packet.sent <= must)
+                finding.problem = "packet " + std::to_string(packet.number) + " is not where it belongs";
+            break;
+        }
+        expected += kPacketSamples;
+        ++(packet.whole ? finding.found : finding.lost);
+        if (!packet.whole)
             continue;
-        }
-        if (!channel.holds(packet, channels, expected)) {
-            if (packet.sent > must)
-                break;
-            return problem(packet, "is not where it belongs");
-        }
-        if (!channel.isMarked(next, expected))
-            return problem(packet, "follows something that is neither data nor marked");
-        ++finding.found;
-        next = expected = expected + kPacketSamples;
+        if (!channel.isMarked(next, expected - kPacketSamples))
+            finding.problem = "packet " + std::to_string(packet.number) + " follows what is neither data nor marked";
+        next = expected;
     }
-    if (!channel.isMarked(next, channel.size())) {
-        finding.problem = "the end is neither data nor marked";
-        return finding;
-    }
-    finding.problem.clear();
+    if (!channel.isMarked(next, channel.size()))
+        finding.problem += "the end is neither data nor marked";
     return finding;
 }
 
@@ -163,7 +153,7 @@ int check(const test::EdfFile& file, const std::vector<Packet>& packets, int cha
                      [&](const Packet& packet) { return packet.channel == number; });
         // The signal comes round again, so that more than one packet looks like the first one: the right one is that
         // from which all others follow.
-        Finding best;
+        Finding best{0, 0, "no packet of the account is in it"};
         for (std::span<const Packet> rest = own; !rest.empty() && !best.problem.empty(); rest = rest.subspan(1)) {
             if (!rest.front().whole || !channel.holds(rest.front(), channels, channel.firstGood(0)))
                 continue;

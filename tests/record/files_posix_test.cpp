@@ -1,11 +1,10 @@
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 
 #include "record/local_time.h"
 #include "record/output_file.h"
+#include "support/testing.h"
 #include "support/working_folder.h"
 
 namespace {

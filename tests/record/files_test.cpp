@@ -1,15 +1,11 @@
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
 #include <iterator>
-#include <string>
 
 #include "record/edf_reader.h"
 #include "record/local_time.h"
 #include "record/output_file.h"
 #include "record/recording.h"
 #include "record/simulated_headset.h"
+#include "support/testing.h"
 #include "support/working_folder.h"
 
 namespace {
@@ -86,11 +82,10 @@ TEST(Files, ExistingOnesAreKeptAndTwoRunsNeverShareOne) {
     EXPECT_EQ(reasonOf([&] { systemFiles().create("folder.edf", {}, IfExists::Overwrite); }), Reason::Failed);
 }
 
-TEST(Files, ARecordingInThem) {
+TEST(Files, ARecordingInThemIsReadAsFarAsItGoes) {
     const test::WorkingFolder here;
     fs::create_directory(native(kFolder));
-    test::SimulatedHeadset headset{.lossShare = 0.1};
-    const auto records = headset.records();
+    const auto records = test::SimulatedHeadset{.channels = 2, .seconds = 6, .lossShare = 0.1}.records();
     Options options;
     options.target = Target::parse(kFolder + "/take.edf");
     const std::vector<Headset> headsets{{0, "A1B2C3D4E5F6", "x"}};
@@ -105,12 +100,12 @@ TEST(Files, ARecordingInThem) {
     recording.finish();
     EXPECT_EQ(reasonOf([&] { Recording(options, headsets, kBegin, systemFiles(), "1", "0", ignore); }),
               FileError::Reason::Exists);
-    const auto bytes = content(kFolder + "/take.edf");
-    EXPECT_EQ(test::difference(test::EdfFile::readBytes(bytes), records, 500), "");
+    const std::string good = content(kFolder + "/take.edf");
+    const auto file = test::EdfFile::readBytes(good);
+    EXPECT_EQ(test::difference(file, records, 500), "");
 
     // Our own reader says the same.
     EdfReader reader(kFolder + "/take.edf");
-    const auto file = test::EdfFile::readBytes(bytes);
     ASSERT_EQ(reader.signals().size(), file.signals.size());
     ASSERT_EQ(reader.annotations().size(), file.annotations.size());
     for (std::size_t i = 0; i < file.annotations.size(); ++i) {
@@ -119,19 +114,15 @@ TEST(Files, ARecordingInThem) {
     }
     const auto samples = reader.record(3);
     EXPECT_EQ(samples[500 + 7], file.signals[1].samples[1507]);
-}
 
-TEST(EdfReader, DamagedFilesAreRefusedOrReadAsFarAsTheyGo) {
-    const test::WorkingFolder here;
-    test::recordInto("take", test::SimulatedHeadset{.channels = 2, .seconds = 6}.records());
-    const std::string good = content("take.edf");
+    // Damaged files are refused, or read as far as they go.
     const auto read = [](const std::string& bytes) {
         std::ofstream("bad.edf", std::ios::binary) << bytes;
-        EdfReader reader("bad.edf");
-        for (std::uint64_t i = 0; i < reader.records(); ++i)
-            (void)reader.record(i);
-        (void)reader.annotations();
-        return reader.records();
+        EdfReader bad("bad.edf");
+        for (std::uint64_t i = 0; i < bad.records(); ++i)
+            (void)bad.record(i);
+        (void)bad.annotations();
+        return bad.records();
     };
     EXPECT_EQ(read(good), 6U);
     EXPECT_EQ(read(good.substr(0, good.size() - 1)), 5U);

@@ -26,32 +26,24 @@ class MemoryFiles::File final : public velmora::record::OutputFile {
     const std::string path_;
 };
 
-std::uint64_t MemoryFiles::used() const {
-    std::uint64_t sum = 0;
-    for (const auto& [path, size] : sizes_)
-        sum += size;
-    return sum;
-}
-
 void MemoryFiles::add(Operation operation) {
     operation.time = now;
+    std::uint64_t others = 0;
+    for (const auto& [path, bytes] : sizes_)
+        others += path == operation.path ? 0 : bytes;
     std::uint64_t& size = sizes_[operation.path];
-    if (operation.kind == Kind::Truncate) {
-        size = operation.at;
-    } else {
-        const bool replaces = operation.kind == Kind::Replace;
-        const std::uint64_t end = operation.at + operation.bytes.size();
-        const std::uint64_t grows = replaces ? end : std::max(end, size) - size;
-        if (const std::uint64_t taken = used(); taken + grows > capacity) {
-            if (!replaces) {  // what fits is written
-                operation.bytes.resize(operation.bytes.size() - static_cast<std::size_t>(taken + grows - capacity));
-                size = capacity - (taken - size);
-                operations.push_back(std::move(operation));
-            }
-            throw FileError(FileError::Reason::NoSpace, "full");
+    const std::uint64_t end = operation.at + operation.bytes.size();
+    // What replaces a file is written beside it.
+    const std::uint64_t needed = operation.kind == Kind::Replace ? size + end : std::max(end, size);
+    if (operation.kind != Kind::Truncate && needed > size && others + needed > capacity) {
+        if (operation.kind == Kind::Write) {  // what fits is written
+            operation.bytes.resize(operation.bytes.size() - static_cast<std::size_t>(others + needed - capacity));
+            size = capacity - others;
+            operations.push_back(std::move(operation));
         }
-        size = replaces ? end : std::max(end, size);
+        throw FileError(FileError::Reason::NoSpace, "full");
     }
+    size = operation.kind == Kind::Write ? needed : end;
     operations.push_back(std::move(operation));
 }
 
@@ -74,19 +66,13 @@ std::optional<std::string> MemoryFiles::contentAfter(const std::string& path, st
         const Operation& operation = operations[i];
         if (operation.path != path)
             continue;
-        const std::string& bytes = operation.bytes;
-        switch (operation.kind) {
-            case Kind::Truncate:
-                result->resize(static_cast<std::size_t>(operation.at));
-                break;
-            case Kind::Replace:
-                result = bytes;
-                break;
-            case Kind::Write:
-                result->resize(std::max(result->size(), static_cast<std::size_t>(operation.at) + bytes.size()));
-                result->replace(static_cast<std::size_t>(operation.at), bytes.size(), bytes);
-                break;
+        if (operation.kind == Kind::Replace) {
+            result = operation.bytes;
+            continue;
         }
+        const auto at = static_cast<std::size_t>(operation.at), length = operation.bytes.size();
+        result->resize(operation.kind == Kind::Truncate ? at : std::max(result->size(), at + length));
+        result->replace(at, length, operation.bytes);
     }
     return result;
 }

@@ -38,7 +38,6 @@ class MemoryFiles final : public velmora::record::Files {
   private:
     class File;
     void add(Operation operation);
-    std::uint64_t used() const;
 
     std::map<std::string, std::uint64_t> sizes_;
 };

@@ -1,12 +1,10 @@
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <sstream>
-#include <utility>
 
 #include "record/recording.h"
 #include "record/simulated_headset.h"
 #include "record/svg_plot.h"
+#include "support/testing.h"
 #include "support/working_folder.h"
 
 namespace {

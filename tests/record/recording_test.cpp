@@ -1,16 +1,13 @@
 #include "record/recording.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <random>
 #include <sstream>
 
 #include "record/edf_layout.h"
 #include "record/memory_files.h"
 #include "record/simulated_headset.h"
+#include "support/testing.h"
 
 namespace {
 
@@ -362,25 +359,20 @@ TEST(Recording, NamesAndOptionsThatCannotBe) {
     for (const char* name : {"", "-", "folder/", "folder\\", ".edf", "folder/.csv"})
         EXPECT_THROW(Target::parse(name), std::invalid_argument) << name;
 
-    Options good;
-    good.labels = {"Fp1", "a label of 16 c"};
-    EXPECT_NO_THROW(checkOptions(good));
-    const std::function<void(Options&)> mistakes[] = {[](Options& o) { o.labels = {"a label of 17 cha"}; },
-                                                      [](Options& o) {
-                                                          o.labels = {"Fp1", "Fp1"};
-                                                      },
-                                                      [](Options& o) { o.labels = {"\xC3\xA4"}; },
-                                                      [](Options& o) { o.unit = "\xC2\xB5V"; },
-                                                      [](Options& o) { o.gain = 0; },
-                                                      [](Options& o) { o.gain = 1e-12; },
-                                                      [](Options& o) { o.gain = 1e9; },
-                                                      [](Options& o) { o.rate = 0.5; },
-                                                      [](Options& o) { o.rate = NAN; }};
-    for (const auto& mistake : mistakes) {
+    const auto check = [](auto&& change) {
         Options options;
-        mistake(options);
-        EXPECT_THROW(checkOptions(options), std::invalid_argument) << &mistake - mistakes;
-    }
+        change(options);
+        checkOptions(options);
+    };
+    EXPECT_NO_THROW(check([](Options& o) { o.labels = {"Fp1", "a label of 16 c"}; }));
+    EXPECT_THROW(check([](Options& o) { o.labels = {"a label of 17 cha"}; }), std::invalid_argument);
+    EXPECT_THROW(check([](Options& o) { o.labels = {"Fp1", "Fp1"}; }), std::invalid_argument);
+    EXPECT_THROW(check([](Options& o) { o.labels = {"\xC3\xA4"}; }), std::invalid_argument);
+    EXPECT_THROW(check([](Options& o) { o.unit = "\xC2\xB5V"; }), std::invalid_argument);
+    for (const double gain : {0.0, 1e-12, 1e9})
+        EXPECT_THROW(check([&](Options& o) { o.gain = gain; }), std::invalid_argument) << gain;
+    for (const double rate : {0.5, double{NAN}})
+        EXPECT_THROW(check([&](Options& o) { o.rate = rate; }), std::invalid_argument) << rate;
 }
 
 // The header has eight characters for each number, and a record 61,440 bytes.

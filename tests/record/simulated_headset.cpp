@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "record/recording.h"
-
 namespace test {
 
 std::int16_t SimulatedHeadset::value(int channel, std::int64_t sample) {
@@ -97,18 +95,6 @@ std::string difference(const EdfFile& file, const std::vector<velmora_record>& r
         }
     }
     return "";
-}
-
-void recordInto(const std::string& base, const std::vector<velmora_record>& records) {
-    velmora::record::Options options;
-    options.target.base = base;
-    velmora::record::Recording recording(options, {{0, "A1B2C3D4E5F6", "x"}}, {0, 1'709'677'800'000'000'000, 0},
-                                         velmora::record::systemFiles(), "1", "0", [](const std::string&) {});
-    for (const velmora_record& record : records) {
-        recording.tick(record.time);
-        recording.take({&record, 1});
-    }
-    recording.finish();
 }
 
 velmora_record eventRecord(int code, int headset, std::int64_t time) {

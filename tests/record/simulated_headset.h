@@ -38,9 +38,6 @@ struct SimulatedHeadset {
 std::string difference(const EdfFile& file, const std::vector<velmora_record>& records, double rate,
                        std::int64_t origin = 0, std::int64_t until = INT64_MAX);
 
-/// Records what a headset sent into BASE.edf and BASE.json, as a program does.
-void recordInto(const std::string& base, const std::vector<velmora_record>& records);
-
 velmora_record eventRecord(int code, int headset, std::int64_t time);
 
 }  // namespace test
