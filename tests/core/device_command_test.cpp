@@ -1,12 +1,7 @@
 #include "core/device_command.h"
 
-#include <gtest/gtest.h>
-
-#include <array>
-#include <thread>
-#include <vector>
-
 #include "support/stream_builder.h"
+#include "support/testing.h"
 
 namespace test {
 namespace {

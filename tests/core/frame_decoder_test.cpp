@@ -1,8 +1,7 @@
-#include <gtest/gtest.h>
-
 #include <optional>
 
 #include "support/receive_session.h"
+#include "support/testing.h"
 
 namespace test {
 namespace {

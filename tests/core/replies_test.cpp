@@ -1,8 +1,7 @@
-#include <gtest/gtest.h>
-
 #include "core/device_registry.h"
 #include "core/reply_handlers.h"
 #include "support/receive_session.h"
+#include "support/testing.h"
 
 namespace test {
 namespace {
@@ -123,34 +122,28 @@ TEST(Replies, ClientDisconnected) {
         "0 Update device C2A1B3D4E5F6 state to 0\n0 Device C2A1B3D4E5F6 disconnected.\nevent 1 0 C2A1B3D4E5F6\n";
     const std::string unknown = "0 Device 0123456789ab disconnected.\nevent 1 0 0123456789ab\n";
     const struct {
-        const char* text;
-        std::string trace = {};
-    } cases[] = {
-        {"Client disconnected,C2A1B3D4E5F6,19", known},
-        {"Client disconnected,C2A1B3D4E5F6", known},
-        {"Client disconnected,C2A1B3D4E5F6,1,2,3,4", known},
-        {"x\nClient disconnected now\n,C2A1B3D4E5F6,\n", known},
-        {"Client disconnected,C2A1B3D4E5F6,1\nClient disconnected,0123456789ab,1\n", known},
-        {"a,b Client disconnected,0123456789ab", unknown},
-        {"Client disconnected,C2A1B3D4E5F6\n"},
-        {"Client disconnected,C2A1B3D4E5,1"},
-        {"Client disconnected,C2A1B3D4E5F67,1"},
-        {"Client disconnected,C2A1B3D4E5G6,1"},
-        {"Client disconnected, C2A1B3D4E5F6,1"},
-        {"Client disconnected,"},
-        {"Client disconnected,,"},
-        {"Client disconnected C2A1B3D4E5F6"},
-        {"client disconnected,C2A1B3D4E5F6,1"},
-        {""},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        Dongle dongle{{"AABBCCDDEEFF", 1}, {"C2A1B3D4E5F6", 5}, {"C2A1B3D4E5F6", 6}};
-        handleClientDisconnected(dongle.targets, c.text);
-        EXPECT_EQ(dongle.take(), c.trace);
-        const std::string first = c.trace == known ? "C2A1B3D4E5F6 5 0;" : "C2A1B3D4E5F6 5 1;";
-        EXPECT_EQ(dongle.records(), "AABBCCDDEEFF 1 1;" + first + "C2A1B3D4E5F6 6 1;");
-        EXPECT_FALSE(isHeld(dongle.callbacks.eventLock));
+        std::string trace;
+        std::vector<std::string> texts;
+    } cases[] = {{known,
+                  {"Client disconnected,C2A1B3D4E5F6,19", "Client disconnected,C2A1B3D4E5F6",
+                   "Client disconnected,C2A1B3D4E5F6,1,2,3,4", "x\nClient disconnected now\n,C2A1B3D4E5F6,\n",
+                   "Client disconnected,C2A1B3D4E5F6,1\nClient disconnected,0123456789ab,1\n"}},
+                 {unknown, {"a,b Client disconnected,0123456789ab"}},
+                 {"",
+                  {"Client disconnected,C2A1B3D4E5F6\n", "Client disconnected,C2A1B3D4E5,1",
+                   "Client disconnected,C2A1B3D4E5F67,1", "Client disconnected,C2A1B3D4E5G6,1",
+                   "Client disconnected, C2A1B3D4E5F6,1", "Client disconnected,", "Client disconnected,,",
+                   "Client disconnected C2A1B3D4E5F6", "client disconnected,C2A1B3D4E5F6,1", ""}}};
+    for (const auto& [trace, texts] : cases) {
+        for (const std::string& text : texts) {
+            SCOPED_TRACE(text);
+            Dongle dongle{{"AABBCCDDEEFF", 1}, {"C2A1B3D4E5F6", 5}, {"C2A1B3D4E5F6", 6}};
+            handleClientDisconnected(dongle.targets, text.c_str());
+            EXPECT_EQ(dongle.take(), trace);
+            const std::string first = trace == known ? "C2A1B3D4E5F6 5 0;" : "C2A1B3D4E5F6 5 1;";
+            EXPECT_EQ(dongle.records(), "AABBCCDDEEFF 1 1;" + first + "C2A1B3D4E5F6 6 1;");
+            EXPECT_FALSE(isHeld(dongle.callbacks.eventLock));
+        }
     }
 }
 

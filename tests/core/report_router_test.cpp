@@ -1,12 +1,8 @@
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "base/text.h"
 #include "core/report_router.h"
+#include "base/text.h"
 #include "support/exact_block.h"
 #include "support/log_capture.h"
+#include "support/testing.h"
 
 namespace kxorbeta_if {
 namespace {

@@ -1,9 +1,6 @@
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <thread>
-
 #include "support/receive_session.h"
+
+#include "support/testing.h"
 
 namespace test {
 namespace {

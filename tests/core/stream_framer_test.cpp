@@ -1,8 +1,6 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-
 #include "support/receive_session.h"
+
+#include "support/testing.h"
 
 namespace test {
 namespace {

@@ -1,8 +1,6 @@
 // The account of packets against what is on the line, on virtual time.
 #include "dongle/account.h"
 
-#include <gtest/gtest.h>
-
 #include <set>
 
 #include "dongle_test_support.h"

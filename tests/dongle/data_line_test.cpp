@@ -1,5 +1,4 @@
 // How data and texts are spread over the line, and the damage on the way.
-#include <gtest/gtest.h>
 
 #include "dongle_test_support.h"
 

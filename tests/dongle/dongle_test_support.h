@@ -1,17 +1,11 @@
 // What the tests of the virtual dongle share: a host that asks in virtual time, and a strict reader of the data.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
 #include <cstdio>
-#include <string>
-#include <string_view>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "dongle/dongle_engine.h"
+#include "support/testing.h"
 
 namespace dongle::test {
 

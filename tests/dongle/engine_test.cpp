@@ -1,7 +1,5 @@
 #include "dongle/dongle_engine.h"
 
-#include <gtest/gtest.h>
-
 #include "dongle_test_support.h"
 
 namespace dongle::test {

@@ -1,17 +1,15 @@
 // The program as a user runs it.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <string>
 #include <tuple>
-#include <vector>
+
+#include "support/testing.h"
 
 namespace dongle::test {
 

@@ -1,8 +1,6 @@
 // What goes over the line: the frames of headsets, and the requests of a host.
 #include "dongle/host_parser.h"
 
-#include <gtest/gtest.h>
-
 #include "dongle_test_support.h"
 
 namespace dongle::test {

@@ -3,7 +3,6 @@
 #include "dongle/dongle_runner.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "dongle_test_support.h"

@@ -1,13 +1,9 @@
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-
 #include "dongle/dongle_runner.h"
 #include "link/dongle_search.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/test_line.h"
+#include "support/testing.h"
 
 namespace kxorbeta_if {
 namespace {

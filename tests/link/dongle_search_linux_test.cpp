@@ -1,17 +1,13 @@
-#include <gtest/gtest.h>
-
-#include <filesystem>
 #include <fstream>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "dongle/dongle_runner.h"
 #include "link/dongle_search.h"
 #include "process_linux.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
+#include "support/process_memory.h"
 #include "support/test_line.h"
+#include "support/testing.h"
 #include "support/working_folder.h"
 
 // The whole search, over a folder that takes the place of /dev.
@@ -56,7 +52,7 @@ TEST_F(DongleSearchTest, FindsTheFirstThatAnswersInTheOrderOfThePorts) {
     dongle::Runner& later = plug("ttyS33");
     std::ofstream(folder_.path() / "ttyUSB1") << "a plain file opens and refuses its settings";
     fs::create_directory(folder_.path() / "ttyUSB4");
-    const long before = openDescriptors();
+    const std::size_t before = test::openHandles();
     EXPECT_EQ(find(), R"(\\.\COM33)");
     EXPECT_EQ(log_.lines(), std::vector<std::string>{R"(0 Found TZDongle on \\.\COM33.)"});
     EXPECT_TRUE(pinged(silent, 10)) << "five attempts, two pings each";
@@ -64,7 +60,7 @@ TEST_F(DongleSearchTest, FindsTheFirstThatAnswersInTheOrderOfThePorts) {
     EXPECT_TRUE(pinged(later, 0));
     EXPECT_FALSE(first.with([](dongle::Engine& e) { return e.log().countTexts("AT+PING"); }) == 0);
     // A dongle's own thread may just look at its terminal.
-    EXPECT_TRUE(test::eventually([&] { return openDescriptors() == before; })) << "no port may stay open";
+    EXPECT_TRUE(test::eventually([&] { return test::openHandles() == before; })) << "no port may stay open";
 }
 
 TEST_F(DongleSearchTest, LooksAtPort98AndNotBeyond) {

@@ -1,12 +1,9 @@
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "dongle/dongle_runner.h"
 #include "link/dongle_search.h"
 #include "sdk/VelmoraSDK.h"
 #include "support/log_capture.h"
 #include "support/test_line.h"
+#include "support/testing.h"
 
 // The search over the real port names, of which this program's line has one.
 

@@ -1,6 +1,6 @@
 #include "link/line_settings_linux.h"
 
-#include <gtest/gtest.h>
+#include "support/testing.h"
 
 // A pseudo-terminal takes any settings and silently ignores some, so what is handed to the kernel is looked at here.
 

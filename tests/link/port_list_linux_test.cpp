@@ -1,18 +1,14 @@
-#include <gtest/gtest.h>
 #include <pty.h>
 
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "link/low_latency_linux.h"
 #include "link/port_list.h"
 #include "link/serial_port.h"
 #include "process_linux.h"
 #include "support/test_line.h"
+#include "support/testing.h"
 #include "support/working_folder.h"
 
 // Over a tree that looks like the kernel's.

@@ -1,9 +1,6 @@
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "link/port_list.h"
 #include "link/usb_instance_id_win32.h"
+#include "support/testing.h"
 
 #include <windows.h>
 

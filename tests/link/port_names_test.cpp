@@ -1,8 +1,6 @@
 #include "link/port_names.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
+#include "support/testing.h"
 
 namespace kxorbeta_if {
 namespace {

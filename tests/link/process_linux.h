@@ -5,16 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <functional>
-#include <iterator>
 
 namespace kxorbeta_if {
-
-inline long openDescriptors() {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return std::distance(begin(all), end(all));
-}
 
 /// What `check` returns to a user without rights, 0 to 255.
 inline int asOrdinaryUser(const std::function<int()>& check) {

@@ -17,6 +17,7 @@
 
 #include "process_linux.h"
 #include "serial_port_test_support.h"
+#include "support/process_memory.h"
 #include "support/working_folder.h"
 
 // What only a real pseudo-terminal shows: exclusive access, hang-up, signals, descriptors.
@@ -29,7 +30,7 @@ class SerialPortLinux : public testing::Test {
     Port::Result open() { return openPort(port_, line_.hostPort); }
 
     test::TestLine line_ = test::plugLine();
-    const long before_ = openDescriptors();
+    const std::size_t before_ = test::openHandles();
     SerialPort port_;
 };
 
@@ -46,7 +47,7 @@ TEST_F(SerialPortLinux, WhatIsNoFreeSerialLineIsToldApart) {
     port_.close();
     EXPECT_EQ(openPort(other, file), Port::kReadSettingsFailed);
     other.close();
-    EXPECT_EQ(openDescriptors(), before_);
+    EXPECT_EQ(test::openHandles(), before_);
     EXPECT_EQ(std::filesystem::file_size(file), 4u);
 
     std::filesystem::permissions(line_.hostPort, std::filesystem::perms(0666));
@@ -144,7 +145,7 @@ TEST_F(SerialPortLinux, TwoThreadsThatOpenAtOnceLeaveOneUsablePort) {
         other.join();
         EXPECT_EQ(port_.write("x", 1), 1);
         port_.close();
-        ASSERT_EQ(openDescriptors(), before_) << round;
+        ASSERT_EQ(test::openHandles(), before_) << round;
         ASSERT_EQ(open(), Port::kOpened) << "locked by ourselves";
         port_.close();
     }

@@ -1,16 +1,10 @@
 // What the tests of the serial port share.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <string>
-#include <thread>
-
 #include "link/serial_port.h"
 #include "support/eventually.h"
 #include "support/test_line.h"
+#include "support/testing.h"
 
 namespace kxorbeta_if {
 

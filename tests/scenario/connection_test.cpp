@@ -1,9 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <thread>
-
 #include "core/device_command.h"
 #include "core/scan.h"
 #include "scenario.h"

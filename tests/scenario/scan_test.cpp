@@ -1,10 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "core/scan.h"
 #include "scenario.h"
 #include "sdk/devices/device_lists.h"
@@ -25,7 +18,6 @@ class ScanScenario : public test::Scenario {
         }
         return records;
     }
-    std::size_t scansSeen() { return requestCount("AT+SCAN"); }
 };
 
 TEST_F(ScanScenario, CollectsHeadsetsUntilTheDongleSaysItIsDone) {
@@ -39,7 +31,7 @@ TEST_F(ScanScenario, CollectsHeadsetsUntilTheDongleSaysItIsDone) {
                                                      "0 Found A1B2C3D4E502, XAI-02", "0 Found A1B2C3D4E503, XAI-03"}));
     EXPECT_TRUE(scan(context_));
     EXPECT_EQ(found(), three) << "a new scan starts with an empty list";
-    EXPECT_EQ(scansSeen(), 2u);
+    EXPECT_EQ(requestCount("AT+SCAN"), 2u);
 }
 
 TEST_F(ScanScenario, WithoutTheEndTextTheReadsRunOutAndWhatWasFoundStays) {
@@ -83,7 +75,7 @@ TEST_F(ScanScenario, IsRefusedWhileThePortIsNotItsOwn) {
         *flag = false;
     }
     EXPECT_EQ(found().size(), 3u) << "a refused scan empties nothing";
-    EXPECT_EQ(scansSeen(), 1u);
+    EXPECT_EQ(requestCount("AT+SCAN"), 1u);
 }
 
 TEST_F(ScanScenario, TheListLockIsHeldForTheWholeScan) {

@@ -1,17 +1,10 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <functional>
-#include <mutex>
-#include <string>
-#include <vector>
-
 #include "core/context.h"
 #include "core/disconnection.h"
 #include "core/group_connection.h"
 #include "support/log_capture.h"
+#include "support/testing.h"
 #include "support/virtual_clock.h"
 #include "support/virtual_line.h"
 

@@ -1,13 +1,8 @@
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
-#include <utility>
-
 #include "dongle/dongle_runner.h"
 #include "sdk/VelmoraSDK.h"
 #include "sdk/sdk_context.h"
 #include "support/test_line.h"
+#include "support/testing.h"
 #include "support/working_folder.h"
 
 namespace {

@@ -1,12 +1,8 @@
-#include <gtest/gtest.h>
-
-#include <array>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "sdk/devices/device_info.h"
 #include "sdk/devices/device_lists.h"
+#include "support/testing.h"
 
 namespace kxorbeta_if {
 namespace {

@@ -1,10 +1,7 @@
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "base/log.h"
 #include "sdk/VelmoraSDK.h"
 #include "sdk/log_setup.h"
+#include "support/testing.h"
 #include "support/working_folder.h"
 
 namespace {

@@ -6,8 +6,8 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <new>
+#include <string_view>
 
 #include "sdk/VelmoraSDK.h"
 #include "sdk/sdk_context.h"
@@ -34,6 +34,12 @@ namespace {
 
 constexpr const char* kLongName = "a name that no small text buffer holds";
 
+/// The search finds no port, and commands are queued.
+void prepare() {
+    kxorbeta_if::processContext().search.deviceFolder = "/dev/null";
+    kxorbeta_if::processContext().core.flags.linkActive = true;
+}
+
 struct Call {
     const char* name;
     bool (*fails)();     ///< makes the call; whether it gave its failure value
@@ -42,29 +48,15 @@ struct Call {
 };
 constexpr Call kCalls[] = {
     {.name = "SDK_GetVersion",
-     .fails = [] { return std::strcmp(SDK_GetVersion(), "Unknown") == 0; },
+     .fails = [] { return SDK_GetVersion() == std::string_view("Unknown"); },
      .allocates = false},
     {.name = "SDK_Init", .fails = [] { return SDK_Init() == 0; }, .needed = false},
-    {.name = "SDK_CheckPort",
-     .fails =
-         [] {
-             kxorbeta_if::processContext().search.deviceFolder = "/dev/null";
-             return std::strcmp(SDK_CheckPort(), "") == 0;
-         }},
+    {.name = "SDK_CheckPort", .fails = [] { return prepare(), *SDK_CheckPort() == 0; }},
     {.name = "SDK_ConnectPort", .fails = [] { return SDK_ConnectPort(kLongName) == 0; }},
     {.name = "SDK_ConnectDevice", .fails = [] { return SDK_ConnectDevice(kLongName, 0) == 0; }},
-    {.name = "SDK_SendCommand",
-     .fails =
-         [] {
-             kxorbeta_if::processContext().core.flags.linkActive = true;
-             return SDK_SendCommand(1, 2) == 0;
-         }},
+    {.name = "SDK_SendCommand", .fails = [] { return prepare(), SDK_SendCommand(1, 2) == 0; }},
     {.name = "SDK_SendCommandWithPayload",
-     .fails =
-         [] {
-             kxorbeta_if::processContext().core.flags.linkActive = true;
-             return SDK_SendCommandWithPayload(1, 2, nullptr, 0) == 0;
-         }},
+     .fails = [] { return prepare(), SDK_SendCommandWithPayload(1, 2, nullptr, 0) == 0; }},
 };
 
 enum Outcome { kFailed, kDidWithout, kNotReached, kBroken };
@@ -76,7 +68,7 @@ Outcome outcomeOf(const Call& call, long number) {
         const bool failed = call.fails();
         const bool reached = untilFailure < 0;
         untilFailure = -1;
-        const bool worksAgain = std::strcmp(SDK_GetVersion(), "1.06") == 0;
+        const bool worksAgain = SDK_GetVersion() == std::string_view("1.06");
         _exit(!worksAgain ? kBroken : !reached ? kNotReached : failed ? kFailed : kDidWithout);
     }
     int status = 0;

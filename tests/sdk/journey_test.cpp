@@ -1,18 +1,6 @@
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <map>
-#include <memory>
-#include <mutex>
 #include <numeric>
 #include <stdexcept>
-#include <string>
 #include <system_error>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "base/log.h"
 #include "dongle/dongle_runner.h"
@@ -22,6 +10,7 @@
 #include "support/eventually.h"
 #include "support/receive_session.h"
 #include "support/test_line.h"
+#include "support/testing.h"
 #include "support/working_folder.h"
 
 // The border to the host: each result, each byte that the dongle gets, and each argument of each callback.

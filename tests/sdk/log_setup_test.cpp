@@ -1,30 +1,24 @@
 #include "sdk/log_setup.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <fstream>
 #include <loguru/loguru.hpp>
-#include <string>
 
 #include "base/log.h"
 #include "support/log_capture.h"
+#include "support/testing.h"
 #include "support/working_folder.h"
 
 namespace kxorbeta_if {
 namespace {
 
-struct Case {
-    unsigned level;
-    bool file;
-    bool truncates;
-    int verbosity;
-    bool rawDump;
-    bool merged;
-};
-
 TEST(LogSetUp, EveryLevelMeansWhatItSays) {
-    const Case cases[] = {
+    const struct {
+        unsigned level;
+        bool file, truncates;
+        int verbosity;
+        bool rawDump, merged;
+    } cases[] = {
         {0, false, false, 0, false, false},    {1, true, false, 0, false, false},
         {2, true, false, 1, false, false},     {3, true, true, 2, false, false},
         {5, true, true, 4, false, false},      {6, true, true, 5, true, false},
@@ -32,7 +26,7 @@ TEST(LogSetUp, EveryLevelMeansWhatItSays) {
         {0x7FFF, true, true, 9, true, false},  {0x8000, false, false, 0, false, true},
         {0x8001, true, false, 0, false, true}, {0x8009, true, true, 8, true, true},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.level);
         const test::WorkingFolder folder;
         std::ofstream(kLogFile) << "from before\n";

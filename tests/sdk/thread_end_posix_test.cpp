@@ -1,14 +1,9 @@
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <memory>
-#include <string>
-
 #include "dongle/dongle_runner.h"
 #include "sdk/VelmoraSDK.h"
 #include "sdk/sdk_context.h"
 #include "support/eventually.h"
 #include "support/test_line.h"
+#include "support/testing.h"
 #include "support/working_folder.h"
 
 extern "C" {

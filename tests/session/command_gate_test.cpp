@@ -1,9 +1,6 @@
 #include "session/command_gate.h"
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <thread>
+#include "support/testing.h"
 
 namespace {
 

@@ -1,11 +1,6 @@
 #include "session/conversation.h"
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <map>
-#include <string>
-#include <string_view>
+#include "support/testing.h"
 
 namespace {
 

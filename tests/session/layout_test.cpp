@@ -1,8 +1,6 @@
-#include <gtest/gtest.h>
-
-#include <cstddef>
-
 #include "velmora/velmora.h"
+
+#include "support/testing.h"
 
 // Hosts are compiled against these numbers, and read records with tables of offsets of their own: they hold on every
 // platform. Pointers are 8 bytes.

@@ -1,11 +1,6 @@
 #include "session/record_queue.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <chrono>
-#include <thread>
-#include <vector>
+#include "support/testing.h"
 
 namespace {
 

@@ -1,19 +1,12 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pty.h>
 #include <sys/file.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <filesystem>
-#include <memory>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "dongle/dongle_runner.h"
 #include "dongle/port_link.h"
@@ -22,6 +15,7 @@
 #include "session/session.h"
 #include "support/eventually.h"
 #include "support/test_line.h"
+#include "support/testing.h"
 
 // What needs ports that come and go: pseudo-terminals do.
 

@@ -1,19 +1,7 @@
 #include "session/session.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <functional>
-#include <map>
-#include <memory>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "dongle/dongle_runner.h"
 #include "environment_fixture.h"
@@ -21,6 +9,7 @@
 #include "support/eventually.h"
 #include "support/process_memory.h"
 #include "support/test_line.h"
+#include "support/testing.h"
 #include "velmora/velmora.hpp"
 
 namespace {

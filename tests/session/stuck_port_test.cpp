@@ -1,18 +1,9 @@
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
 #include <cstring>
-#include <functional>
-#include <memory>
 #include <stdexcept>
-#include <string>
-#include <string_view>
-#include <thread>
-#include <vector>
 
 #include "session/session.h"
 #include "support/eventually.h"
+#include "support/testing.h"
 
 // Ports that take no bytes, refuse them, or go away while they are written to.
 

@@ -17,8 +17,6 @@ struct TestLine {
 /// A line with nothing on it. Under Windows the pairs that the program was given are taken in turn.
 TestLine plugLine();
 
-/// How many lines may be in use at the same time.
-int linesAtOnce();
 /// Whether the host sees it when the dongle's end goes away, and is refused a port that somebody holds.
 bool linesCanHangUp();
 

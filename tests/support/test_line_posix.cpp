@@ -1,5 +1,3 @@
-#include <climits>
-
 #include "support/test_line.h"
 
 namespace test {
@@ -8,10 +6,6 @@ TestLine plugLine() {
     auto end = dongle::makePtyTransport();
     std::string port = end->hostPath();
     return {std::move(port), std::move(end)};
-}
-
-int linesAtOnce() {
-    return INT_MAX;
 }
 
 bool linesCanHangUp() {

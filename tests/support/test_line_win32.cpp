@@ -52,10 +52,6 @@ TestLine plugLine() {
     return {pair.host, dongle::makeSerialTransport(pair.dongle)};
 }
 
-int linesAtOnce() {
-    return static_cast<int>(pairs().size());
-}
-
 bool linesCanHangUp() {
     return false;
 }

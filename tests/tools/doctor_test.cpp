@@ -1,6 +1,6 @@
 #include "cli/doctor.h"
 
-#include <gtest/gtest.h>
+#include "support/testing.h"
 
 namespace velmora::cli {
 namespace {

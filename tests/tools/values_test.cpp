@@ -1,15 +1,13 @@
 #include "cli/values.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
-#include <map>
 #include <sstream>
 
 #include "cli/failure.h"
 #include "cli/json.h"
 #include "cli/live_display.h"
 #include "cli/text.h"
+#include "support/testing.h"
 
 namespace velmora::cli {
 namespace {

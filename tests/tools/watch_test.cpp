@@ -1,13 +1,11 @@
 #include "cli/watch.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cstring>
 #include <sstream>
 
 #include "cli/live_display.h"
 #include "cli/progress.h"
+#include "support/testing.h"
 
 namespace velmora::cli {
 namespace {
