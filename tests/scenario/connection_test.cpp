@@ -71,18 +71,21 @@ TEST_F(Connection, ConnectsRegistersAndStartsTheLinkThread) {
     EXPECT_EQ(requests().size(), 1u);
 }
 
-TEST_F(Connection, IsRefusedWhileThePortIsNotItsOwnAndThenChangesNothing) {
-    EXPECT_FALSE(attempt()) << "closed port";
+TEST_F(Connection, LikeAScanItIsRefusedWhileThePortIsNotItsOwnAndThenChangesNothing) {
+    EXPECT_FALSE(attempt() || scan(context_)) << "closed port";
     start();
     context_.registry.append({"0123456789AB", 0, 3});
-    for (std::atomic<bool>* flag : {&context_.flags.linkActive, &context_.flags.scanning, &context_.flags.connecting,
-                                    &context_.flags.groupConnected}) {
+    context_.scanWorkingList.addIfNew({"0123456789AB", 0, 3});
+    for (std::atomic<bool>* flag : {&context_.flags.linkActive, &context_.flags.scanning, &context_.flags.connecting}) {
         *flag = true;
-        EXPECT_FALSE(attempt());
+        EXPECT_FALSE(attempt() || scan(context_));
         *flag = false;
     }
+    context_.flags.groupConnected = true;
+    EXPECT_FALSE(attempt());
+    context_.flags.groupConnected = false;
     EXPECT_TRUE(requests().empty());
-    EXPECT_EQ(context_.registry.snapshot().size(), 1u);
+    EXPECT_EQ(context_.registry.snapshot().size() + context_.scanWorkingList.snapshot().size(), 2u);
 }
 
 TEST_F(Connection, AHeadsetOutOfRangeFailsAndASilentDongleCostsTheWholeBudget) {

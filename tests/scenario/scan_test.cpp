@@ -65,19 +65,6 @@ TEST_F(ScanScenario, AReadTakes511BytesAndEndsALineThere) {
     EXPECT_EQ(found(), std::vector<std::string>{"A1B2C3D4E5F6,1 XAI-0"});
 }
 
-TEST_F(ScanScenario, IsRefusedWhileThePortIsNotItsOwn) {
-    EXPECT_FALSE(scan(context_)) << "closed port";
-    start();
-    EXPECT_TRUE(scan(context_));
-    for (std::atomic<bool>* flag : {&context_.flags.linkActive, &context_.flags.scanning, &context_.flags.connecting}) {
-        *flag = true;
-        EXPECT_FALSE(scan(context_));
-        *flag = false;
-    }
-    EXPECT_EQ(found().size(), 3u) << "a refused scan empties nothing";
-    EXPECT_EQ(requestCount("AT+SCAN"), 1u);
-}
-
 TEST_F(ScanScenario, TheListLockIsHeldForTheWholeScan) {
     start();
     DeviceLists lists;

@@ -34,7 +34,7 @@ void Received::forget() {
     const std::lock_guard guard(mutex_);
     events_.clear();
     raw_.clear();
-    rawCount = 0;
+    rawCount = postCount = batteryCount = 0;
 }
 
 Scenario::Scenario() : settings(dongle::defaultSettings(2)), log(0) {
