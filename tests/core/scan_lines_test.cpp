@@ -66,8 +66,7 @@ TEST(ScanLines, BlocksOfText) {
 
 TEST(ScanLines, RecordOfOneLine) {
     const struct {
-        const char* line;
-        const char* record;
+        const char *line, *record;
     } cases[] = {
         {"A1B2C3D4E5F6,-3x Name with spaces", "A1B2C3D4E5F6 'Name with spaces' 1"},
         {"A1B2C3D4E5F6,00 ", "A1B2C3D4E5F6 '' 0"},

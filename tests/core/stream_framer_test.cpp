@@ -7,13 +7,9 @@ namespace {
 
 using namespace std::string_literals;
 
-std::string textOf(const Bytes& bytes) {
-    return {bytes.begin(), bytes.end()};
-}
-
 // One battery frame of headset 2 and its envelope: a header of 10 bytes, a payload of 8.
-const std::string kPayload = textOf(batteryFrame(0x57, 5));
-const std::string kFrame = textOf(envelope(2, batteryFrame(0x57, 5)));
+const std::string kPayload = stringOf(batteryFrame(0x57, 5));
+const std::string kFrame = stringOf(envelope(2, batteryFrame(0x57, 5)));
 
 // What a session's trace says.
 std::string battery(int device) {
@@ -109,7 +105,7 @@ TEST(StreamFramer, HeadersHistoryAndSyncErrorState) {
 }
 
 TEST(StreamFramer, SeveralBlocksWithTheirHistory) {
-    const std::string large = textOf(envelope(1, Bytes(600, 1)));
+    const std::string large = stringOf(envelope(1, Bytes(600, 1)));
     const std::string start = kFrame.substr(0, 12), end = kFrame.substr(12), startWaits = frameWaits(10, 8, 12);
     const struct {
         std::string block, trace;
@@ -145,8 +141,8 @@ TEST(StreamFramer, DumpsTrafficWhenAskedTo) {
         std::string block, trace;  // behind the dump of the block
         int state = 0;
     } cases[] = {
-        {textOf(fromHex(hex)), headerRead(10, 3, 13) + "8 Frame2:41420A\n"},
-        {textOf(fromHex(hex)),
+        {stringOf(fromHex(hex)), headerRead(10, 3, 13) + "8 Frame2:41420A\n"},
+        {stringOf(fromHex(hex)),
          headerRead(10, 3, 13) + "8 Parse error 5 was fixed, length: 13.\n0 Check Data: " + hex + "\n8 Frame2:41420A\n",
          5},
         // Garbage is counted anew after each frame, and no more than 128 bytes of it are shown.

@@ -60,23 +60,15 @@ std::vector<Packet> readAccount(const std::string& path, const std::string& addr
 class Channel {
   public:
     Channel(const test::EdfFile& file, const test::EdfFile::Signal& signal)
-        : samples_(signal.samples), bad_(samples_.size(), false) {
-        const double rate =
-            static_cast<double>(samples_.size()) / (static_cast<double>(file.records) * file.recordSeconds);
-        for (const auto& annotation : file.annotations) {
-            if (!annotation.marks(signal.label))
-                continue;
-            const auto to = std::llround((annotation.onset + annotation.duration) * rate);
-            for (auto i = std::llround(annotation.onset * rate); i < to && i < std::ssize(samples_); ++i)
-                bad_[static_cast<std::size_t>(i)] = true;
-        }
-    }
+        : samples_(signal.samples),
+          bad_(file.marks(
+              signal, static_cast<double>(samples_.size()) / static_cast<double>(file.records) / file.recordSeconds)) {}
 
     std::int64_t size() const { return std::ssize(samples_); }
 
     /// The first sample from there on that is not marked; the end if all are.
     std::int64_t firstGood(std::int64_t from) const {
-        while (from < size() && bad_[static_cast<std::size_t>(from)])
+        while (from < size() && bad_[static_cast<std::size_t>(from)] > 0)
             ++from;
         return from;
     }
@@ -87,15 +79,15 @@ class Channel {
         const std::uint64_t first = packet.number / static_cast<std::uint64_t>(channels) * kPacketSamples;
         for (std::int64_t i = 0; i < kPacketSamples; ++i) {
             const auto place = static_cast<std::size_t>(at + i);
-            if (bad_[place] || samples_[place] != dongle::sampleValue(packet.index, packet.channel,
-                                                                      first + static_cast<std::uint64_t>(i)))
+            if (bad_[place] > 0 || samples_[place] != dongle::sampleValue(packet.index, packet.channel,
+                                                                          first + static_cast<std::uint64_t>(i)))
                 return false;
         }
         return true;
     }
     bool isMarked(std::int64_t from, std::int64_t to) const {
         for (; from < to; ++from) {
-            if (!bad_[static_cast<std::size_t>(from)] || samples_[static_cast<std::size_t>(from)] != -32768)
+            if (bad_[static_cast<std::size_t>(from)] == 0 || samples_[static_cast<std::size_t>(from)] != -32768)
                 return false;
         }
         return true;
@@ -103,7 +95,7 @@ class Channel {
 
   private:
     const std::vector<std::int16_t> samples_;
-    std::vector<bool> bad_;
+    const std::vector<int> bad_;  // how often it is marked
 };
 
 struct Finding {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <fstream>
 #include <string>
@@ -33,6 +35,19 @@ struct EdfFile {
     std::string start;  // dd.mm.yyyy hh:mm:ss
     std::vector<Signal> signals;
     std::vector<Annotation> annotations;
+
+    /// How often each sample of a signal is marked as bad; the last number is for what lies outside of it.
+    std::vector<int> marks(const Signal& signal, double rate) const {
+        std::vector<int> marks(signal.samples.size() + 1);
+        for (const Annotation& annotation : annotations) {
+            if (!annotation.marks(signal.label))
+                continue;
+            const auto end = std::llround((annotation.onset + annotation.duration) * rate);
+            for (auto i = std::llround(annotation.onset * rate); i < end; ++i)
+                ++marks[std::min(static_cast<std::size_t>(i), signal.samples.size())];
+        }
+        return marks;
+    }
 
     /// Throws std::runtime_error when the reader refuses the file.
     static EdfFile read(const std::string& path);

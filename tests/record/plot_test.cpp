@@ -45,9 +45,7 @@ std::vector<std::pair<double, double>> rectangles(const std::string& svg, const 
     std::vector<std::pair<double, double>> result;
     std::istringstream lines(svg);
     for (std::string line; std::getline(lines, line);) {
-        double x = 0;
-        double y = 0;
-        double width = 0;
+        double x = 0, y = 0, width = 0;
         if (std::sscanf(line.c_str(), "<rect x=\"%lf\" y=\"%lf\" width=\"%lf\"", &x, &y, &width) == 3 &&
             line.find("fill=\"" + colour + "\" fill-opacity=\"0.6\"") != std::string::npos)
             result.emplace_back(x, x + width);

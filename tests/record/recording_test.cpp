@@ -71,9 +71,7 @@ TEST(Recording, EverySampleStandsInItsPlaceAndEveryLossIsMarked) {
         const char* name;
         int channels;
         bool multi;
-        double rate;
-        double loss;
-        double seconds;
+        double rate, loss, seconds;
     };
     for (const Case& c :
          {Case{"whole", 8, false, 500, 0, 8}, Case{"1 % lost", 8, false, 500, 0.01, 20},

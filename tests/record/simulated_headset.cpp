@@ -68,19 +68,10 @@ std::string difference(const EdfFile& file, const std::vector<velmora_record>& r
                     return name + " lacks sample " + std::to_string(i);
             }
         }
-        std::vector<int> bad(signal.samples.size(), 0);
-        for (const auto& annotation : file.annotations) {
-            if (!annotation.marks(signal.label))
-                continue;
-            const auto from = std::llround(annotation.onset * rate);
-            const auto to = std::llround((annotation.onset + annotation.duration) * rate);
-            const auto end = static_cast<long long>(bad.size());
-            if (from < 0 || (to > end && until == INT64_MAX))
-                return name + ": an annotation ends at " + std::to_string(to) + ", outside the file";
-            for (auto i = from; i < std::min(to, end); ++i)
-                ++bad[static_cast<std::size_t>(i)];
-        }
-        for (std::size_t i = 0; i < bad.size(); ++i) {
+        const std::vector<int> bad = file.marks(signal, rate);
+        if (bad.back() > 0 && until == INT64_MAX)
+            return name + " is marked outside of the file";
+        for (std::size_t i = 0; i < signal.samples.size(); ++i) {
             const bool there =
                 signal.samples[i] == SimulatedHeadset::value(channel, origin + static_cast<std::int64_t>(i));
             const std::string where = name + ", sample " + std::to_string(i);

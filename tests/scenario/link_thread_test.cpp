@@ -13,14 +13,10 @@ using test::EventSeen;
 
 constexpr const char* kSecond = "A1B2C3D4E502";
 
-std::string asString(const test::Bytes& bytes) {
-    return {bytes.begin(), bytes.end()};
-}
-
 /// A raw frame of channel 0 whose samples are all `value`, in the dongle's envelope.
 std::string envelope(int device, int counter, int value) {
     const std::vector<int> samples(test::kSlots, value);
-    return asString(test::envelope(device, test::rawFrame(test::singleChannel(0), samples, counter)));
+    return test::stringOf(test::envelope(device, test::rawFrame(test::singleChannel(0), samples, counter)));
 }
 
 /// A link thread on a line that carries only what a test delivers.
@@ -57,7 +53,7 @@ class LinkThreadTest : public test::Scenario {
     /// Lets what was delivered before be read: a frame behind it has arrived.
     void settle() {
         const std::size_t before = received.batteryCount;
-        deliver(asString(test::envelope(9, test::batteryFrame(1, 1))));
+        deliver(test::stringOf(test::envelope(9, test::batteryFrame(1, 1))));
         ASSERT_TRUE(clock_.eventually([&] { return received.batteryCount > before; }));
     }
 };
@@ -103,7 +99,7 @@ TEST_F(LinkThreadTest, ReportsReachTheirHandlersInOrder) {
 }
 
 TEST_F(LinkThreadTest, AThreadBeginsAfreshWhateverTheLastOneLeft) {
-    const std::string leftover = asString(test::envelope(9, test::part(test::batteryFrame(1, 1), 0, 5)));
+    const std::string leftover = test::stringOf(test::envelope(9, test::part(test::batteryFrame(1, 1), 0, 5)));
     connectAndRecord();
     deliver(leftover + envelope(1, 10, 11));
     ASSERT_TRUE(receives({11}));

@@ -12,21 +12,17 @@ using velmora::Conversation;
 ///   0 all were dropped
 std::string play(std::string_view what) {
     Conversation c;
+    const std::vector<Conversation::Member> both{{"A00000000000"}, {"b00000000000"}};
+    const protocol::ScanFields found{"A00000000000", "XAI", true};
     const std::map<char, std::function<void()>> happenings{
         {'S', [&] { c.beginScan(); }},
-        {'C',
-         [&] {
-             c.beginConnect({{"A00000000000"}, {"b00000000000"}});
-         }},
+        {'C', [&] { c.beginConnect(both); }},
         {'D', [&] { c.beginDrop("A00000000000"); }},
         {'x', [&] { c.finish(true); }},
         {'.', [&] { c.finish(false); }},
         {'>', [&] { c.scanStarted(); }},
         {'f', [&] { c.scanEnded(); }},
-        {'l',
-         [&] {
-             c.scanFound({"A00000000000", "XAI", true}, 0);
-         }},
+        {'l', [&] { c.scanFound(found, 0); }},
         {'a', [&] { c.connected("a00000000000", 3, 4); }},
         {'b', [&] { c.connected("B00000000000", 5, 6); }},
         {'-', [&] { c.disconnected("A00000000000"); }},
@@ -49,9 +45,7 @@ std::string play(std::string_view what) {
 
 TEST(Conversation, EndsWithWhatBelongsToIt) {
     const struct {
-        const char* name;
-        const char* what;
-        const char* results;
+        const char *name, *what, *results;
     } cases[] = {
         {"a scan", "S>lf.", "wwwK_"},
         {"a scan without its first words", "Sf.", "wK_"},

@@ -88,9 +88,7 @@ class ReceiverTest : public testing::Test, protected velmora::Receiver::Listener
     velmora::Receiver receiver{queue, *this};
     velmora::Nanoseconds now = 100 * kSecond;
     std::uint64_t accounted = 0;  // raw packets taken, and those that they say were dropped
-    int moved = 0;
-    int restarts = 0;
-    int lastLeft = -1;
+    int moved = 0, restarts = 0, lastLeft = -1;
     std::string lastText;
     velmora_record response_{};
 };

@@ -8,6 +8,10 @@ Bytes bytesOf(std::string_view text) {
     return {text.begin(), text.end()};
 }
 
+std::string stringOf(const Bytes& bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
 Bytes fromHex(std::string_view digits) {
     Bytes bytes;
     for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {

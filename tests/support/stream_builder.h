@@ -16,6 +16,7 @@ namespace test {
 using Bytes = std::vector<std::uint8_t>;
 
 Bytes bytesOf(std::string_view text);
+std::string stringOf(const Bytes& bytes);
 /// From pairs of hexadecimal digits, upper case; the other way round for `hexOf`.
 Bytes fromHex(std::string_view digits);
 std::string hexOf(const Bytes& bytes);
