@@ -75,7 +75,7 @@ def check_access(server, address):
     for wrong in ({"Sec-WebSocket-Version": "8"}, {"Sec-WebSocket-Key": "AAAA"}):
         assert server.upgrade(target="/stream" + token[1:], **wrong).head()[0] in (400, 426), wrong
     fields = server.enter(address)  # with a token that all these have not used up
-    for part in ("HttpOnly", "SameSite=Strict", "Path=/"):
+    for part in ("HttpOnly", "SameSite=Lax", "Path=/"):
         assert part in fields["set-cookie"]
     stranger = Server(address)
     assert stranger.request("/?" + stranger.url.query)[0] == 403, "a token is good once"

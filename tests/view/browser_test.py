@@ -162,6 +162,20 @@ def test_pauses_and_goes_on(browser, setting):
     assert not page.errors, page.errors
 
 
+def test_goes_on_with_channels_that_came_in_a_pause(browser, setting):
+    setting.plug("--headsets", "2", "--channels", "2", "--rate", "50", "--packing", "single", "--quiet")
+    page = browser.page()
+    page.open(setting.serve("view"))
+    page.sees("document.getElementById('empty').hidden", "the headsets")
+    page.press(" ")
+    page.sees("velmora.channels().length === 4", "data in the pause")
+    page.press(" ")
+    page.sees("[...document.querySelectorAll('.names')].every((one) => one.children.length === 2)", "all strips")
+    page.sees("velmora.channels().every((one) => one.drawn > 100)", "their data")
+    assert page.run("velmora.state().link === 'open' && document.getElementById('banner').hidden")
+    assert not page.errors, page.errors
+
+
 def test_chooses_headsets_channels_scale_and_time(browser, setting):
     setting.plug("--headsets", "3", "--channels", "8", "--rate", "250", "--quiet")
     page = browser.page()
@@ -233,6 +247,10 @@ def test_says_that_the_dongle_restarts_and_goes_on(browser, setting):
     page.sees("/restarted/.test(document.getElementById('banner').textContent)", "the restart", 60)
     page.sees("document.getElementById('banner').hidden", "that it goes on", 60)
     page.sees("velmora.channels().every((one) => one.gaps.some((gap) => gap.kind === 'away'))", "when they were away", 60)
+    latecomer = browser.page()
+    latecomer.open(setting.address())
+    latecomer.sees("velmora.channels().length === 8", "data")
+    assert "restarted" not in latecomer.run("document.getElementById('log-list').textContent"), "what is long past"
     setting.velmora.end()
     page.sees("/has ended/.test(document.getElementById('banner').textContent)", "the end")
 

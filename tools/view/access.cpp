@@ -63,8 +63,10 @@ bool Access::admits(std::string_view cookies) const {
     return false;
 }
 
+// Lax and not Strict: with that a browser which follows the address from a page of others keeps the cookie from the
+// very page that it was set for. Requests other than such a navigation carry neither.
 std::string Access::cookieField(std::string_view value) const {
-    return name_ + "=" + std::string(value) + "; Path=/; HttpOnly; SameSite=Strict";
+    return name_ + "=" + std::string(value) + "; Path=/; HttpOnly; SameSite=Lax";
 }
 
 std::optional<std::string_view> tokenOf(std::string_view target, std::string_view path) {

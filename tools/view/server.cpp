@@ -154,6 +154,8 @@ class BeastServer final : public Server {
             beast::error_code ignored;
             acceptor_.close(ignored);
             pause_.cancel();
+            end_.expires_after(2 * kEndTime);  // also when memory was short for the pump
+            end_.async_wait([this](const beast::error_code&) { io_.stop(); });
         });
         thread_.join();
         viewers_.clear();  // before the context, which owns what they have
@@ -236,11 +238,19 @@ class BeastServer final : public Server {
                 }
                 continue;
             }
+            admit(std::move(socket));
+        }
+    }
+
+    void admit(tcp::socket socket) noexcept {
+        try {
             if (plain_ >= kMostPlainConnections) {
                 refuse(socket);
-                continue;
+            } else {
+                spawn(serve(beast::tcp_stream(std::move(socket))));
             }
-            spawn(serve(beast::tcp_stream(std::move(socket))));
+        } catch (const std::bad_alloc&) {
+            // This one is gone, and others are accepted.
         }
     }
 
@@ -253,6 +263,8 @@ class BeastServer final : public Server {
         addPolicy(response);
         beast::error_code ignored;
         socket.non_blocking(true, ignored);
+        std::array<char, kMostHeader> unread;
+        socket.read_some(net::buffer(unread), ignored);  // or the answer may be lost with it
         http::write(socket, response, ignored);
         socket.shutdown(tcp::socket::shutdown_send, ignored);
     }
@@ -600,6 +612,7 @@ class BeastServer final : public Server {
     // The thread's own.
     Access access_;
     net::steady_timer pause_{io_};
+    net::steady_timer end_{io_};
     Allowance marks_{10, 5};  // of all viewers together; nobody makes more by hand
     SharedMessage hello_;
     SharedMessage status_;

@@ -57,8 +57,14 @@ export class Channel {
             this.first = sample;
             this.end = sample;
         } else if (sample > this.end) {
-            const kind = this.away ? "away" : packet.lost > 0 || packet.dropped > 0 ? "lost" : "skipped";
-            this.gaps.push({ from: this.end, to: sample, kind });
+            // What this screen was left out of comes before what nobody got.
+            const lostFrom = this.away ? sample : Math.max(this.end, sample - (packet.lost + packet.dropped) * count);
+            if (lostFrom > this.end) {
+                this.gaps.push({ from: this.end, to: lostFrom, kind: this.away ? "away" : "skipped" });
+            }
+            if (lostFrom < sample) {
+                this.gaps.push({ from: lostFrom, to: sample, kind: "lost" });
+            }
             redraw = this.shadedTo !== null;
         } else if (sample < this.end) {
             // A packet that was put too far ahead: what follows it belongs in front.

@@ -24,6 +24,7 @@ const page = {
     goesOn: false,
     paused: false,
     trouble: null, // of the dongle
+    troubleTime: null, // when the last one was
     link: "connecting", // connecting, open, closed, ended
     lostText: null, // why it is closed
     retry: RETRY[0],
@@ -31,6 +32,7 @@ const page = {
     socket: null,
     offsets: [], // [second, greatest difference between the data's clock and this page's] of the last seconds
     time: null, // shown at the sweep's head
+    newest: -Infinity, // when the last packet came
     delay: 0.15,
     skipped: 0,
     ready: false,
@@ -274,7 +276,7 @@ function frame(now) {
         arrange();
     }
     if (page.offsets.length > 0) {
-        if (!page.paused && page.link === "open") {
+        if (!page.paused && (page.link === "open" || page.time < page.newest)) { // all that came is drawn
             const time = clock(begun) - page.delay;
             // Never back: what is drawn is drawn.
             page.time = page.time === null || time - page.time > 0 || page.time - time > 2 ? time : page.time;
@@ -353,6 +355,7 @@ const handlers = {
             page.markTimes = [];
             page.offsets = [];
             page.time = null;
+            page.newest = -Infinity;
         }
         page.started = message.started;
         page.recording = message.recording;
@@ -385,6 +388,7 @@ const handlers = {
                 longest = Math.max(longest, Math.min(channel.packetSeconds, 1.5));
             }
         }
+        page.newest = Math.max(page.newest, newest);
         if (newest > -Infinity) {
             const bucket = page.offsets[page.offsets.length - 1];
             if (bucket && now - bucket[0] < 1) {
@@ -423,11 +427,11 @@ const handlers = {
         } else if (message.code === EVENT.restarted) {
             page.trouble = "The dongle has restarted and forgotten its headsets." +
                 (page.goesOn ? " They are being connected again." : " Start velmora again.");
-            note(message.time, "the dongle restarted");
+            noteTrouble(message.time, "the dongle restarted");
         } else if (message.code === EVENT.gone) {
             page.trouble = "The dongle is gone: it was unplugged or its port hung up." +
                 (page.goesOn ? " Plug it in again, and this goes on." : " Plug it in and start velmora again.");
-            note(message.time, "the dongle is gone");
+            noteTrouble(message.time, "the dongle is gone");
         } else if (message.code === EVENT.overrun) {
             note(message.time, "this computer does not keep up; packets are being dropped");
         } else if (message.code === EVENT.mark) {
@@ -453,6 +457,14 @@ const handlers = {
         tell();
     },
 };
+
+/** It is told again to each connection that begins while it lasts. */
+function noteTrouble(time, text) {
+    if (time !== page.troubleTime) {
+        page.troubleTime = time;
+        note(time, text);
+    }
+}
 
 /** Draws all headsets anew, unless what is on the screen is to stay. */
 function redraw() {
@@ -510,8 +522,11 @@ async function lose(text) {
     setTimeout(connect, page.retry);
     page.retry = Math.min(page.retry * 1.5, RETRY[1]);
     if (!wasOpen && page.link === "closed") {
-        page.lostText = await refusal();
-        tell();
+        const why = await refusal();
+        if (page.link === "closed" && page.lostText === text) { // nothing truer was said meanwhile
+            page.lostText = why;
+            tell();
+        }
     }
 }
 
@@ -585,6 +600,7 @@ function note(time, text) {
     }
     $("log-count").textContent = String(++notes);
     $("log-last").textContent = `${when} ${text}`;
+    layOut(); // the text may be a longer one
 }
 
 // ---------------------------------------------------------------------------------------------- the user
@@ -613,9 +629,15 @@ function togglePause() {
     page.paused = !page.paused;
     $("pause").setAttribute("aria-pressed", String(page.paused));
     $("pause").textContent = page.paused ? "Go on" : "Pause";
-    for (const { strips } of page.headsets.values()) {
-        page.paused ? strips.keep() : strips.letGo();
+    for (const headset of page.headsets.values()) {
+        if (page.paused) {
+            headset.strips.keep();
+        } else {
+            headset.strips.letGo();
+            headset.nameStrips(); // with the channels that came meanwhile
+        }
     }
+    layOut();
     tell();
 }
 
@@ -652,7 +674,8 @@ const keys = {
 };
 
 document.addEventListener("keydown", (event) => {
-    if (event.ctrlKey || event.altKey || event.metaKey || event.repeat || $("help").open) {
+    const typed = event.getModifierState("AltGraph"); // letters of some keyboards
+    if (((event.ctrlKey || event.altKey) && !typed) || event.metaKey || event.repeat) {
         return;
     }
     // What has the focus takes some keys for itself. A mark is never lost to it.
@@ -660,7 +683,7 @@ document.addEventListener("keydown", (event) => {
     const mark = page.marks.findIndex((one) => one.key === event.key);
     if (mark >= 0) {
         setMark(mark);
-    } else if (taken?.test(event.key)) {
+    } else if ($("help").open || taken?.test(event.key)) {
         return;
     } else if (/^[1-9]$/.test(event.key)) {
         const headset = [...page.headsets.values()][Number(event.key) - 1];
