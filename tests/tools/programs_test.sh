@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Whole programs against virtual dongles: programs_test.sh VELMORA VELMORA_DONGLE EXAMPLE_HOST ACCOUNT_CHECK
+# Whole programs against virtual dongles: programs_test.sh VELMORA VELMORA_DONGLE EXAMPLE_HOST ACCOUNT_CHECK READ_RECORDING
 # Groups of cases run side by side, each in a folder and on a dongle of its own. With KILLS=N in the environment N
 # recordings are killed, at random moments, each of which may cost the last second.
 set -uo pipefail
-velmora=$1 velmora_dongle=$2 example_host=$3 account_check=$4
+velmora=$1 velmora_dongle=$2 example_host=$3 account_check=$4 read_recording=$5
 
 top=$(mktemp -d)
 trap 'rm -rf "$top"' EXIT
@@ -196,6 +196,8 @@ group_record() {
     holds take.json '"finished": true' '"rate_source": "given"' '"file": "take-A1B2C3D4E502.edf"'
     whole take-A1B2C3D4E501.edf 4
     whole take-A1B2C3D4E502.edf 4
+    expect 0 "$read_recording" take-A1B2C3D4E501.edf
+    holds out "of them lost, mean" ": blink" ": BAD_lost ch"
     expect 6 "$velmora" record --port "$port" -o take
     holds err "take.json exists" --force
     expect 0 "$velmora" plot take-A1B2C3D4E502.edf -o take.svg
