@@ -1,4 +1,8 @@
+#include <random>
+#include <sstream>
+
 #include "core/device_command.h"
+#include "core/reply_handlers.h"
 #include "core/scan.h"
 #include "scenario.h"
 
@@ -133,6 +137,54 @@ TEST_F(Connection, TextGrowsOverReadsUntilItHoldsAReportOrTheEnd) {
         EXPECT_EQ(clock_.now() - begin < 99s, c.ends);
         const auto events = received.events();
         EXPECT_EQ(std::ranges::count(events, 2u, &EventSeen::code), c.reports);
+        disconnectAll(context_);
+    }
+}
+
+TEST_F(Connection, RandomTextCutAnywhereIsReadAsTheWholeTextWouldBe) {
+    // What the reply text is made of, and bytes that are no text. The rule: text grows until it holds a report, and the
+    // attempt ends with the end text, unless that ends the text and something stood before it.
+    std::istringstream list(
+        "Service connected.|Service conn|ected.| |    |A1B2C3D4E501,1|A1B2C3D4E502|,|7|\n|\r\n|Group connection finish|"
+        "Group conn|ection finish|noise|\x01\xFF|x\n|" +
+        std::string(300, 'x'));
+    std::vector<std::string> pieces;
+    for (std::string piece; std::getline(list, piece, '|');) {
+        pieces.push_back(piece);
+    }
+    settings.replies.connect = false;
+    std::mt19937 random(11);
+    for (int round = 0; round < 150; ++round) {
+        SCOPED_TRACE(round);
+        std::vector<std::string> reads(1 + random() % 40);
+        for (std::string& read : reads) {
+            for (auto count = 1 + random() % 4; count > 0; --count) {
+                read += pieces[random() % pieces.size()];
+            }
+        }
+        std::string text;
+        int total = 0;
+        DeviceRegistry registry;
+        CallbackTable silent;
+        for (const std::string& read : reads) {
+            std::copy_if(read.begin(), read.end(), std::back_inserter(text),
+                         [](unsigned char c) { return c == '\n' || (c >= 0x20 && c < 0x80); });
+            const std::size_t end = text.find("Group connection finish");
+            if (end != std::string::npos && (text.size() == 23 || end + 23 < text.size())) {
+                break;
+            }
+            if (const int count = collectGroupConnections({registry, silent}, text); count > 0) {
+                total += count;
+                text.clear();
+            }
+        }
+        total += collectGroupConnections({registry, silent}, text);
+
+        start();
+        received.forget();
+        EXPECT_EQ(attemptAnsweredBy(reads), total > 0);
+        const auto events = received.events();
+        EXPECT_EQ(std::count_if(events.begin(), events.end(), [](const EventSeen& e) { return e.code == 2; }), total);
         disconnectAll(context_);
     }
 }

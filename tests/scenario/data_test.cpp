@@ -97,5 +97,26 @@ TEST_F(Data, AHeadsetThatDropsOutInMidStreamDisturbsNobodyAndComesBack) {
     EXPECT_EQ(genuinePackets(), received.rawCount.load());
 }
 
+TEST_F(Data, CallbacksMayBeExchangedAndCollectionToggledWhileDataFlows) {
+    settings.headsets[0].sampleRate = 8000;
+    start();
+    connect();
+    const RawDataEntry entry = context_.callbacks.rawData;
+    for (int i = 0; i < 3000; ++i) {
+        context_.receiveTables.reset();
+        context_.flags.recording = i % 3 != 0;
+        context_.callbacks.rawData = i % 2 == 0 ? nullptr : entry;
+        clock_.sleepFor(1ms);
+    }
+    context_.callbacks.rawData = entry;
+    context_.flags.recording = true;
+    received.forget();
+    EXPECT_TRUE(clock_.eventually([&] { return received.rawCount > 50; }));
+    for (const test::RawPacket& packet : received.rawPackets()) {
+        ASSERT_LT(packet.channel, 8);
+        ASSERT_EQ(packet.samples.size(), 112u);
+    }
+}
+
 }  // namespace
 }  // namespace kxorbeta_if
