@@ -12,7 +12,7 @@ namespace {
 struct Stream {
     Stream(Dice& dice, bool merged) {
         std::map<std::pair<int, int>, std::size_t> next;  // counter, by headset and channel
-        constexpr std::size_t kLongestEnvelope = 12 + 3 * 230;
+        constexpr std::size_t kLongestEnvelope = 13 + 3 * 230;
         const auto full = [&] { return bytes.size() + kLongestEnvelope > kxorbeta_if::ReceiveBuffer::kReadSize; };
         for (int sent = 0; sent < 40 && !full(); ++sent) {
             const bool opening = sent < 16;
@@ -60,7 +60,7 @@ struct Stream {
 };
 
 TEST(GeneratedStreams, AreReadWholeInAnyCutsAndFoundAgainAfterDamage) {
-    for (unsigned seed = 0; seed < 2000; ++seed) {
+    for (unsigned seed = 0; seed < 500; ++seed) {
         SCOPED_TRACE(testing::Message() << "seed " << seed);
         Dice dice{std::mt19937(seed)};
         ReceiveSession session(-2);
