@@ -530,8 +530,13 @@ TEST_F(SessionTest, AHandleThatIsReplacedIsGoneBeforeItsLogFunction) {
 }
 
 TEST_F(SessionTest, OpenedAndClosedThousandsOfTimes) {
+#ifdef VELMORA_SANITIZED
+    constexpr int kOpenings = 1'000;
+#else
+    constexpr int kOpenings = 10'000;
+#endif
     test::TestLine line = test::plugLine();
-    const int openings = test::linesCanHangUp() ? 10'000 : 300;  // emulated ports take twenty milliseconds to open
+    const int openings = test::linesCanHangUp() ? kOpenings : 300;  // emulated ports take twenty milliseconds to open
     std::size_t handles = 0;
     for (int i = 0; i < openings; ++i) {
         velmora::Dongle dongle(line.hostPort);

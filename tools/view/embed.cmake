@@ -1,5 +1,7 @@
 # Makes a source file that holds files: cmake -D OUTPUT=page.cpp -D FOLDER=page -D FILES="index.html;view.js" -P embed.cmake
 # Bytes as numbers, because a compiler takes neither texts of any length nor every letter as it is.
+cmake_minimum_required(VERSION 3.25)
+
 set(arrays "")
 set(entries "")
 foreach(file IN LISTS FILES)
