@@ -54,7 +54,7 @@ dongle() {
 }
 # shows COMMAND...: it shows data, and how many packets there were once it is interrupted
 shows() {
-    "$@" >out 2>&1 &
+    env --default-signal=INT "$@" >out 2>&1 & # what itself began in the background has it ignored
     local shown=$!
     background+=("$shown")
     for _ in $(seq 600); do

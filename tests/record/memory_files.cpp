@@ -36,9 +36,9 @@ void MemoryFiles::add(Operation operation) {
     // What replaces a file is written beside it.
     const std::uint64_t needed = operation.kind == Kind::Replace ? size + end : std::max(end, size);
     if (operation.kind != Kind::Truncate && needed > size && others + needed > capacity) {
-        if (operation.kind == Kind::Write) {  // what fits is written
-            operation.bytes.resize(operation.bytes.size() - static_cast<std::size_t>(others + needed - capacity));
+        if (operation.kind == Kind::Write && others + operation.at < capacity) {  // what fits is written
             size = capacity - others;
+            operation.bytes.resize(static_cast<std::size_t>(size - operation.at));
             operations.push_back(std::move(operation));
         }
         throw FileError(FileError::Reason::NoSpace, "full");

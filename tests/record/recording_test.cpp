@@ -324,10 +324,11 @@ TEST(Recording, KilledAtAnyMomentCostsTheLastSecond) {
 }
 
 TEST(Recording, AFullDiskLeavesFilesThatOpen) {
-    SimulatedHeadset headset{.channels = 4, .seconds = 12, .lossShare = 0.1};
+    // Begun anew while its rate is being measured, and appended to from then on.
+    SimulatedHeadset headset{.channels = 4, .seconds = 60, .lossShare = 0.1};
     const auto records = headset.records();
     std::size_t opened = 0;
-    for (std::uint64_t capacity = 6'000; capacity < 56'000; capacity += 1'777) {
+    for (std::uint64_t capacity = 6'000; capacity < 290'000; capacity += 19'777) {
         SCOPED_TRACE(capacity);
         Session run({});
         run.files.capacity = capacity;
@@ -347,7 +348,7 @@ TEST(Recording, AFullDiskLeavesFilesThatOpen) {
             ++opened;
         }
     }
-    EXPECT_GT(opened, 20U);
+    EXPECT_GT(opened, 10U);
 }
 
 TEST(Recording, NamesAndOptionsThatCannotBe) {
