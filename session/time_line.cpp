@@ -22,7 +22,7 @@ constexpr std::int64_t kSilence = 64;                 // packets that must fail 
 Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_t counter, std::uint64_t content,
                                std::int64_t arrival, std::int64_t lastStall) {
     if (slot.epoch != epoch_) {
-        const Placement placement = placeFirst(slot, samples, counter, content, arrival);
+        const Placement placement = placeFirst(slot, samples, counter, content, arrival, lastStall);
         latest_ = channel;
         return placement;
     }
@@ -70,7 +70,7 @@ Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_
         slot.late += passed - (1 - slot.jump) * slot.period;
         slot.jump = 0;
         latest_ = channel;
-        accept(slot, placement.sample, samples, counter, content, arrival);
+        accept(slot, placement.sample, samples, counter, content, arrival, lastStall);
         return placement;
     }
     const bool again = steps == 0;
@@ -103,7 +103,7 @@ Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_
     slot.counts.lost += placement.lost;
     slot.late += passed - steps * slot.period;
     latest_ = channel;
-    accept(slot, placement.sample, samples, counter, content, arrival);
+    accept(slot, placement.sample, samples, counter, content, arrival, lastStall);
     return placement;
 }
 
@@ -124,7 +124,7 @@ bool TimeLine::inStepWithLatest(const Slot& slot, int samples, std::uint8_t coun
 
 /// A channel's first packet, ever or since its headset connected again.
 Placement TimeLine::placeFirst(Slot& slot, int samples, std::uint8_t counter, std::uint64_t content,
-                               std::int64_t arrival) {
+                               std::int64_t arrival, std::int64_t lastStall) {
     Placement placement;
     placement.first = true;
     bool byClock = false;
@@ -158,7 +158,7 @@ Placement TimeLine::placeFirst(Slot& slot, int samples, std::uint8_t counter, st
     slot.leastSince = arrival;
     slot.fit.clear();
     setPeriod(slot, samples);
-    accept(slot, placement.sample, samples, counter, content, arrival);
+    accept(slot, placement.sample, samples, counter, content, arrival, lastStall);
     return placement;
 }
 

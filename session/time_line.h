@@ -70,7 +70,7 @@ class TimeLine {
         slot.jump = 0;
         slot.late += passed - slot.period;
         latest_ = channel;
-        accept(slot, slot.sample + samples, samples, counter, content, arrival);
+        accept(slot, slot.sample + samples, samples, counter, content, arrival, lastStall);
         Placement placement;
         placement.sample = slot.sample;
         return placement;
@@ -90,6 +90,8 @@ class TimeLine {
   private:
     static constexpr std::int64_t kNone = -1;
     static constexpr std::int64_t kLeastSpan = 2'000'000'000;  // the least lateness of one to two of these counts
+    static constexpr std::int64_t kCatchingUp = 100'000'000;   // after a stall, until all that came in it is read
+    static constexpr std::int64_t kHeldUp = 50'000'000;        // later than this is late
 
     /// Least squares over arrivals and sample numbers, each span of time taken as its mean. Spans are short at first
     /// and grow until all of them hold a minute.
@@ -158,11 +160,12 @@ class TimeLine {
 
     Placement placeOther(Slot& slot, int channel, int samples, std::uint8_t counter, std::uint64_t content,
                          std::int64_t arrival, std::int64_t lastStall);
-    Placement placeFirst(Slot& slot, int samples, std::uint8_t counter, std::uint64_t content, std::int64_t arrival);
+    Placement placeFirst(Slot& slot, int samples, std::uint8_t counter, std::uint64_t content, std::int64_t arrival,
+                         std::int64_t lastStall);
     static int aheadOf(const Slot& slot, std::uint8_t counter);
     bool inStepWithLatest(const Slot& slot, int samples, std::uint8_t counter) const;
     void accept(Slot& slot, std::int64_t sample, int samples, std::uint8_t counter, std::uint64_t content,
-                std::int64_t arrival) {
+                std::int64_t arrival, std::int64_t lastStall) {
         ++slot.counts.packets;
         ++slot.watched;
         slot.sample = sample;
@@ -176,7 +179,10 @@ class TimeLine {
             slot.leastBefore = slot.least;
             slot.least = slot.late;
         }
-        if (slot.fit.add(arrival, sample)) [[unlikely]] {
+        // What the system kept while nobody read says nothing of the rate, and would bend a young one for seconds.
+        const bool heldUp =
+            arrival - lastStall < kCatchingUp && slot.late - std::min(slot.least, slot.leastBefore) > kHeldUp;
+        if (!heldUp && slot.fit.add(arrival, sample)) [[unlikely]] {
             solve(slot);
         }
     }
