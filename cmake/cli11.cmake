@@ -10,7 +10,7 @@ if(VELMORA_CLI11_FOLDER)
     target_include_directories(velmora_cli11 SYSTEM INTERFACE ${CMAKE_BINARY_DIR}/cli11)
 endif()
 
-# velmora_command_line(FILES...): those that take CLI11 in. They run once, and compile in half the time unoptimised; under
+# velmora_command_line(FILES...): those that take CLI11 in. They run once, and with -O1 compile in half the time; under
 # sanitizers each takes minutes, for a parser that is not ours and reads what its own user has typed.
 function(velmora_command_line)
     if(VELMORA_SANITIZE)

@@ -2,7 +2,6 @@
 
 #include "dongle/dongle_runner.h"
 #include "link/dongle_search.h"
-#include "process_linux.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/process_memory.h"

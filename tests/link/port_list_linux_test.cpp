@@ -6,7 +6,7 @@
 #include "link/low_latency_linux.h"
 #include "link/port_list.h"
 #include "link/serial_port.h"
-#include "process_linux.h"
+#include "support/ordinary_user_posix.h"
 #include "support/test_line.h"
 #include "support/testing.h"
 #include "support/working_folder.h"
@@ -184,7 +184,7 @@ TEST_F(PortListTest, WhoMayOpenAPortAndThroughWhichGroup) {
                ports[2].access == PortInfo::Access::kDenied && ports[2].accessGroup.empty() &&
                !ports[0].holdersComplete;
     };
-    EXPECT_EQ(asOrdinaryUser(asExpected), 1);
+    EXPECT_EQ(test::asOrdinaryUser(asExpected), 1);
 }
 
 TEST_F(PortListTest, LowLatencyIsAskedOfTheTimerOfTheTerminalBehindALink) {

@@ -15,8 +15,8 @@
 #include <iterator>
 #include <system_error>
 
-#include "process_linux.h"
 #include "serial_port_test_support.h"
+#include "support/ordinary_user_posix.h"
 #include "support/process_memory.h"
 #include "support/working_folder.h"
 
@@ -55,9 +55,9 @@ TEST_F(SerialPortLinux, WhatIsNoFreeSerialLineIsToldApart) {
     ASSERT_EQ(open(), Port::kOpened);
     EXPECT_EQ(openPort(other, line_.hostPort), Port::kOpenFailed);
     EXPECT_FALSE(other.isOpen());
-    EXPECT_EQ(asOrdinaryUser(opens), EBUSY);
+    EXPECT_EQ(test::asOrdinaryUser(opens), EBUSY);
     port_.close();
-    EXPECT_EQ(asOrdinaryUser(opens), 0) << "closing gives exclusive access back";
+    EXPECT_EQ(test::asOrdinaryUser(opens), 0) << "closing gives exclusive access back";
     EXPECT_EQ(openPort(other, line_.hostPort), Port::kOpened);
 }
 

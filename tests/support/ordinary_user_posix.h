@@ -1,4 +1,3 @@
-// What the tests of real files and terminals ask of the system.
 #pragma once
 
 #include <grp.h>
@@ -7,7 +6,7 @@
 
 #include <functional>
 
-namespace kxorbeta_if {
+namespace test {
 
 /// What `check` returns to a user without rights, 0 to 255.
 inline int asOrdinaryUser(const std::function<int()>& check) {
@@ -22,4 +21,4 @@ inline int asOrdinaryUser(const std::function<int()>& check) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 255;
 }
 
-}  // namespace kxorbeta_if
+}  // namespace test
