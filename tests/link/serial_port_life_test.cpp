@@ -112,17 +112,17 @@ TEST_F(SerialPortLife, ADriverThatAnswersEarlyWithNothingIsAskedAgainUntilTheTim
 }
 
 TEST_F(SerialPortLife, ClosingEndsTheRestOfAReadAndTheWaitForAnotherThreadsWrite) {
-    std::atomic<int> inside{0};
-    script_.read = [&](std::uint32_t) { return ++inside, 0; };
+    std::atomic<bool> reading{false}, writing{false};
+    script_.read = [&](std::uint32_t) { return reading = true, 0; };
     script_.write = [&](steady_clock::time_point) {
-        return ++inside, test::eventually([&] { return script_.closing.load(); }) ? Port::kWriteFailed : 99;
+        return writing = true, test::eventually([&] { return script_.closing.load(); }) ? Port::kWriteFailed : 99;
     };
     ASSERT_EQ(open(), Port::kOpened);
     {
         const auto write = [&] { EXPECT_EQ(port_.write("x", 1), Port::kWriteFailed); };
         const std::jthread reader([&] { EXPECT_EQ(read(port_, 8), ""); });
         const std::jthread writer(write);
-        ASSERT_TRUE(test::eventually([&] { return inside >= 2; }));
+        ASSERT_TRUE(test::eventually([&] { return reading && writing; }));
         for (const char* const other : {"y", "z"}) {
             EXPECT_EQ(port_.write(other, 1, steady_clock::now() + 20ms), Port::kWriteFailed)
                 << "the first does not end";
