@@ -47,7 +47,13 @@ if(MINGW)
     endforeach()
 endif()
 
-install(FILES README.md CHANGELOG.md DESTINATION ${VELMORA_DOC_FOLDER})
+file(READ README.md readme)  # what it names lies elsewhere than in the tree
+string(REPLACE "](velmora/velmora.h)" "](../../../include/velmora/velmora.h)" readme "${readme}")
+string(REPLACE "](sdk/VelmoraSDK.h)" "](../../../include/VelmoraSDK.h)" readme "${readme}")
+string(REPLACE "`python/examples`" "`examples`" readme "${readme}")
+file(WRITE ${PROJECT_BINARY_DIR}/packaging/README.md "${readme}")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS README.md)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/README.md CHANGELOG.md DESTINATION ${VELMORA_DOC_FOLDER})
 install(FILES docs/architecture.md docs/protocol.md docs/view-protocol.md DESTINATION ${VELMORA_DOC_FOLDER}/docs)
 install(FILES docs/recording.svg docs/view.png DESTINATION ${VELMORA_DOC_FOLDER}/docs)
 install(FILES examples/host.c examples/many_headsets.c examples/many_headsets.cpp examples/read_recording.c

@@ -13,6 +13,7 @@ work=$(mktemp -d)
 background=()
 links=()
 clean_up() {
+    set +m # not a word of those that end now
     [ "${#background[@]}" -eq 0 ] || kill -- "${background[@]/#/-}" 2>/dev/null || true
     [ "${#links[@]}" -eq 0 ] || rm -f "${links[@]}"
     wait
@@ -140,11 +141,19 @@ try_zip() {
     readme=velmora/share/doc/velmora/README.md
     ls velmora/share/doc/velmora/licences/{loguru,CLI11,Boost,GPL-3,libstdc++-and-libgcc,mingw-w64-and-winpthread}.txt >/dev/null
     program first.c
+    program first.cpp
     host
-    eval "x86_64-w64-mingw32-$(line 'gcc first.c')"
-    x86_64-w64-mingw32-gcc first.c -o first-by-lib.exe -Ivelmora/include velmora/lib/velmora.lib
-    x86_64-w64-mingw32-gcc host.c -o host.exe -Ivelmora/include velmora/lib/VelmoraSDK.lib
+    local mingw=x86_64-w64-mingw32 dll
+    eval "$mingw-$(line 'gcc first.c')"
+    eval "$mingw-$(line 'g++ -std=c++20 first.cpp')"
+    eval "$mingw-$(line 'gcc host.c')"
+    "$mingw-gcc" first.c -o first-by-lib.exe -Ivelmora/include velmora/lib/velmora.lib
+    "$mingw-gcc" host.c -o host-by-lib.exe -Ivelmora/include velmora/lib/VelmoraSDK.lib
     cp velmora/bin/*.dll .
+    for dll in libstdc++-6.dll libgcc_s_seh-1.dll; do  # the compiler's own, which are in PATH where it is at home
+        cp "$("$mingw-g++-posix" -print-file-name="$dll")" .
+    done
+    cp "/usr/$mingw/lib/libwinpthread-1.dll" .
     for file in velmora/bin/*.dll velmora/bin/*.exe; do
         x86_64-w64-mingw32-objdump -h "$file" | grep -q '\.rsrc' || fail "$file has no version"
         x86_64-w64-mingw32-objdump -h "$file" | grep -q '\.debug_info' && fail "$file is not stripped"
@@ -155,10 +164,13 @@ try_zip() {
     wine_line
     dongle "$wine" velmora/bin/velmora-dongle.exe --port "$near"
     shows_host "$wine" host.exe "$far"
-    wine_line
-    dongle "$wine" velmora/bin/velmora-dongle.exe --port "$near"
+    shows_host "$wine" host-by-lib.exe "$far"
     interruptible=no # Wine programs do not hear this system's signals: what is shown is enough
-    shows "$wine" first-by-lib.exe "$far"
+    for program in first.exe first-by-lib.exe first_cpp.exe; do
+        wine_line
+        dongle "$wine" velmora/bin/velmora-dongle.exe --port "$near"
+        shows "$wine" "$program" "$far"
+    done
     windows_program
 }
 
