@@ -83,7 +83,7 @@ class Viewer {
         news.cancel();
     }
 
-    websocket::stream<beast::tcp_stream> socket;
+    websocket::stream<beast::tcp_stream, false> socket;  // samples hardly compress
     Outbox outbox;
     Allowance frames{40, 20};  // pings included
     net::steady_timer news;    // cancelled when there is some
