@@ -1,3 +1,15 @@
+# GNU's linker takes seconds for each test program of Windows, which has thousands of sections. What is shipped stays with it.
+if(MINGW)
+    find_program(VELMORA_CLANG clang++)
+    find_program(VELMORA_LLD ld.lld)
+    if(VELMORA_CLANG AND VELMORA_LLD)
+        execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-libgcc-file-name OUTPUT_VARIABLE libgcc)
+        cmake_path(GET libgcc PARENT_PATH libgcc)
+        set(CMAKE_CXX_LINK_EXECUTABLE "${VELMORA_CLANG} --target=${CMAKE_SYSTEM_PROCESSOR}-w64-mingw32 -fuse-ld=lld \
+-L${libgcc} <LINK_FLAGS> <OBJECTS> -o <TARGET> <LINK_LIBRARIES> -lpthread")
+    endif()
+endif()
+
 # velmora_test(NAME SOURCES FILES... [OVER TARGETS...] [LINES N] [OPTIMISED]): one test program, run as one test.
 #   OVER       what it stands on; without it, the objects of VelmoraSDK with all that helps to test them
 #   LINES      how many serial lines it uses at the same time: run under Wine it is given that many pairs of ports
