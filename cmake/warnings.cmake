@@ -7,7 +7,8 @@ if(MSVC)
     target_compile_options(velmora_warnings INTERFACE $<$<COMPILE_LANGUAGE:C,CXX>:/W4 /utf-8> $<$<COMPILE_LANGUAGE:CXX>:/EHs>)
 else()
     target_compile_options(velmora_warnings INTERFACE
-        $<$<COMPILE_LANGUAGE:C,CXX>:-Wall -Wextra -Wpedantic -Wshadow -Wconversion>)
+        $<$<COMPILE_LANGUAGE:C,CXX>:-Wall -Wextra -Wpedantic -Wshadow -Wconversion>
+        $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wreserved-identifier>)
     if(PROJECT_IS_TOP_LEVEL)
         target_compile_options(velmora_warnings INTERFACE $<$<COMPILE_LANGUAGE:C,CXX>:-Werror>)
     endif()
