@@ -7,7 +7,8 @@
         for block in dongle.blocks():        # block.samples: int16, shape (samples, channels)
             print(block.headset, block.sample, block.samples.mean(axis=0))
 
-Failures are exceptions, all of them velmora.Error.
+Failures are exceptions, all of them velmora.Error, but for what belongs to Python itself: MemoryError when there is no
+memory left, TypeError for arguments of a wrong type, KeyboardInterrupt.
 """
 from ._dongle import (ALL, BATTERY, CONNECTED, DAMAGED_COUNTER, DISCONNECTED, ESTIMATED, EVENT, FIRST, GONE, MULTI,
                       OVERRUN, PROCESSED, RAW, RESPONSE, RESTARTED, Battery, Block, ChannelStatistics, Dongle, Event,
@@ -16,4 +17,10 @@ from ._errors import (Busy, Cancelled, Closed, Error, Forbidden, Gone, Held, Inv
                       NotConnected, NotFound, Restarted, Timeout)
 from ._library import RECORD
 
-__all__ = [name for name in dir() if not name.startswith("_")]
+__all__ = [
+    "ALL", "BATTERY", "Battery", "Block", "Busy", "CONNECTED", "Cancelled", "ChannelStatistics", "Closed",
+    "DAMAGED_COUNTER", "DISCONNECTED", "Dongle", "ESTIMATED", "EVENT", "Error", "Event", "FIRST", "Forbidden", "Found",
+    "GONE", "Gone", "Headset", "Held", "Invalid", "MULTI", "Moment", "NotADongle", "NotAddressable", "NotConnected",
+    "NotFound", "OVERRUN", "PROCESSED", "Port", "Processed", "RAW", "RECORD", "RESPONSE", "RESTARTED", "Response",
+    "Restarted", "Statistics", "Timeout", "find", "now", "open", "ports", "version",
+]

@@ -68,9 +68,16 @@ class Invalid(Error, ValueError):
     """An argument is wrong."""
 
 
-OK, TIMEOUT, CANCELLED, CLOSED, GONE, RESTARTED, NOT_FOUND = 0, 1, 2, 4, 5, 6, 7
-NOT_CONNECTED, NO_MEMORY = 11, 14
+(OK, TIMEOUT, CANCELLED, BUSY, CLOSED, GONE, RESTARTED, NOT_FOUND, FORBIDDEN, HELD, NOT_A_DONGLE, NOT_CONNECTED,
+ NOT_ADDRESSABLE, INVALID, NO_MEMORY, FAILED) = range(16)
 BY_STATUS: Dict[int, Type[Error]] = {
-    TIMEOUT: Timeout, CANCELLED: Cancelled, 3: Busy, CLOSED: Closed, GONE: Gone, RESTARTED: Restarted,
-    NOT_FOUND: NotFound, 8: Forbidden, 9: Held, 10: NotADongle, NOT_CONNECTED: NotConnected, 12: NotAddressable, 13: Invalid,
+    TIMEOUT: Timeout, CANCELLED: Cancelled, BUSY: Busy, CLOSED: Closed, GONE: Gone, RESTARTED: Restarted,
+    NOT_FOUND: NotFound, FORBIDDEN: Forbidden, HELD: Held, NOT_A_DONGLE: NotADongle, NOT_CONNECTED: NotConnected,
+    NOT_ADDRESSABLE: NotAddressable, INVALID: Invalid,
 }
+TEXTS: Dict[int, str] = {
+    CLOSED: "The dongle is closed, or belongs to the process that this one was forked from: open it again.",
+    GONE: "The dongle was unplugged, or its port hung up: plug it in again and call reopen(), then connect().",
+    RESTARTED: "The dongle restarted: connect its headsets again.",
+}
+"""Where the library gives a status alone."""

@@ -3,14 +3,18 @@ from __future__ import annotations
 
 import atexit
 import ctypes
+import operator
 import os
+import re
 import sys
 import threading
+import time
+import warnings
 import weakref
 from ctypes import POINTER, c_char, c_char_p, c_double, c_int32, c_int64, c_size_t, c_uint8, c_uint16, c_uint32
 from ctypes import c_uint64, c_void_p
 from pathlib import Path
-from typing import Callable, Iterator, List
+from typing import Any, Callable, Dict, Iterator, List, Optional, Set, Tuple
 
 import numpy as np
 
@@ -18,6 +22,10 @@ from . import _errors
 
 SLICE = 0.05
 """Seconds that a wait goes on before Python looks for a Ctrl-C."""
+FIND_ALL_PORTS = ALLOW_UNPROVED = KNOWN_TEXTS = 1
+CHANNELS = 17
+VERSION = "0.1."
+"""What the library's version begins with."""
 
 
 class _Struct(ctypes.Structure):
@@ -73,7 +81,7 @@ class ChannelStatistics(_Struct):
 
 
 class HeadsetStatistics(_Struct):
-    _fields_ = [("size", c_uint32), ("headset", c_int32), ("channels", ChannelStatistics * 17)]
+    _fields_ = [("size", c_uint32), ("headset", c_int32), ("channels", ChannelStatistics * CHANNELS)]
 
 
 RECORD = np.dtype([
@@ -140,15 +148,15 @@ for _name, _result, _arguments in (
     _function = getattr(lib, "velmora_" + _name)
     _function.restype, _function.argtypes = _result, _arguments
 
-if not lib.velmora_version().startswith(b"0.1."):
-    raise ImportError(f"this package needs velmora 0.1, and found {lib.velmora_version().decode()}")
+if not lib.velmora_version().startswith(VERSION.encode()):
+    raise ImportError(f"this package needs velmora {VERSION}x, and found {lib.velmora_version().decode()}")
 
 
 def failure(status: int, text: str = "", system_code: int = 0) -> Exception:
     if status == _errors.NO_MEMORY:
         return MemoryError(text)
-    kind = _errors.BY_STATUS.get(status, _errors.Error)
-    return kind(text or lib.velmora_status_text(status).decode(), status, system_code)
+    text = text or _errors.TEXTS.get(status) or lib.velmora_status_text(status).decode()
+    return _errors.BY_STATUS.get(status, _errors.Error)(text, status, system_code)
 
 
 def check(status: int, detail: ErrorDetail | None = None) -> None:
@@ -156,59 +164,151 @@ def check(status: int, detail: ErrorDetail | None = None) -> None:
         raise failure(status, detail.text.decode("utf-8", "replace"), detail.system_code) if detail else failure(status)
 
 
+def number(name: str, value: Any, least: int, most: int) -> int:
+    """The value as a whole number of that range; ctypes would cut others. Raises Invalid."""
+    try:
+        whole = operator.index(value)
+    except TypeError:
+        whole = least - 1
+    if not least <= whole <= most:
+        raise failure(_errors.INVALID, f"{name} is {value!r}: it has to be a whole number from {least:,} to {most:,}.")
+    return whole
+
+
+def address(value: Any) -> bytes:
+    """The address of whatever has one, or is one, as the library takes it. Raises Invalid."""
+    text = getattr(value, "address", value)
+    plain = text.replace(":", "") if isinstance(text, str) else ""
+    if not re.fullmatch("[0-9A-Fa-f]{12}", plain):
+        raise failure(_errors.INVALID, f"{text!r} is no address: it has to be 12 hexadecimal digits.")
+    return plain.encode()
+
+
+def octets(value: Any) -> bytes:
+    """The bytes of a payload. Raises Invalid."""
+    try:
+        if not isinstance(value, (int, str)):  # of which bytes() makes zeros, or nothing
+            return bytes(value)
+    except (TypeError, ValueError):
+        pass
+    raise failure(_errors.INVALID, f"The payload is {value!r}: it has to be bytes.")
+
+
+def milliseconds(seconds: Optional[float]) -> int:
+    return -1 if seconds is None else round(1000 * min(max(0, seconds), 2e6))
+
+
 class Cancel:
-    """Ends calls that wait. It lives as long as a call uses it, because the call holds it."""
+    """Ends a call that waits."""
 
     def __init__(self) -> None:
         self.pointer = c_void_p()
         check(lib.velmora_cancel_create(ctypes.byref(self.pointer)))
-        _cancels.add(self)
 
     def cancel(self) -> None:
-        if self.pointer:
-            lib.velmora_cancel_raise(self.pointer)
+        lib.velmora_cancel_raise(self.pointer)
 
     def __del__(self, destroy: Callable[[c_void_p], None] = lib.velmora_cancel_destroy) -> None:
-        # While this runs a weak reference still finds the object, and the end of the program cancels all it finds.
-        pointer, self.pointer = self.pointer, None
-        destroy(pointer)
-
-
-class Handle:
-    """An open dongle of the library. Freed when nobody holds it any more, so never while a call is inside."""
-
-    def __init__(self) -> None:
-        self.pointer = c_void_p()
-
-    def __del__(self, destroy: Callable[[c_void_p], None] = lib.velmora_destroy) -> None:
         destroy(self.pointer)
 
 
-_cancels: "weakref.WeakSet[Cancel]" = weakref.WeakSet()
+_inside: Dict[Cancel, Optional[Handle]] = {}
+"""The calls that wait, each with its handle. They are held here, so that whoever cancels them finds them whole."""
+_handles: Set[weakref.ref[Handle]] = set()
+"""All handles. A plain set, because another thread may add one while it is copied, which a WeakSet does not bear."""
 
 
-def _cancel_all() -> None:
-    for cancel in list(_cancels):
+class Handle:
+    """A dongle of the library. Freed when nobody holds it any more, so never while a call is inside."""
+
+    def __init__(self) -> None:
+        self.pointer = c_void_p()
+        self.open = False  # a program has it, and has not closed it
+        self.may_leave_headsets = False  # at the dongle, should the program end now
+        _handles.add(weakref.ref(self, _handles.discard))
+
+    def cancel(self) -> None:
+        for cancel, handle in list(_inside.items()):
+            if handle is self:
+                cancel.cancel()
+
+    def drop(self) -> None:
+        """Frees the headsets that were asked for, as soon as the call that has the dongle's attention has ended."""
+        until = time.monotonic() + 3  # more than a command takes to go out
+        while self.may_leave_headsets:
+            busy = lib.velmora_drop_all(self.pointer, ALLOW_UNPROVED, None) == _errors.BUSY
+            self.may_leave_headsets = busy and time.monotonic() < until
+            if self.may_leave_headsets:
+                time.sleep(SLICE / 10)
+
+    def close(self) -> None:
+        self.open = False
+        if not self.pointer:
+            return
+        try:
+            self.cancel()
+            if self.may_leave_headsets:
+                waiting(lambda *_: self.drop() or _errors.OK)
+        finally:
+            lib.velmora_close(self.pointer)
+
+    def __del__(self, warn: Callable[..., None] = warnings.warn,
+                destroy: Callable[[c_void_p], None] = lib.velmora_destroy) -> None:
+        # Nobody is inside. This may be any thread at any moment, so nothing here takes a lock or begins a thread.
+        if self.open:
+            self.drop()
+        destroy(self.pointer)
+        if self.open:
+            warn("a velmora.Dongle was not closed", ResourceWarning)
+
+
+def _leave() -> None:
+    """The interpreter ends: so do all calls and dongles, whatever becomes of one of them."""
+    for cancel in list(_inside):
         cancel.cancel()
+    for reference in list(_handles):
+        handle = reference()
+        try:
+            if handle is not None:
+                handle.close()
+        except BaseException:
+            pass
 
 
-atexit.register(_cancel_all)
+def _forget() -> None:
+    """In a forked child: what it has of the library's objects belongs to its parent, and is not even freed."""
+    for cancel in _inside:
+        cancel.pointer = None
+    for handle in filter(None, [reference() for reference in list(_handles)]):
+        handle.pointer, handle.open = None, False
+    _inside.clear()
 
 
-def waiting(call: Callable[..., int]) -> int:
+atexit.register(_leave)
+if hasattr(os, "register_at_fork"):
+    os.register_at_fork(after_in_child=_forget)
+
+
+def waiting(call: Callable[..., int], handle: Optional[Handle] = None, passes: Tuple[int, ...] = ()) -> int:
     """The status of call(cancel, detail), which waits for the dongle, and so runs on a thread of its own: Ctrl-C ends it
-    at once. Raises for every status but OK and NOT_CONNECTED, about which the call's own results say more."""
+    at once, and closing the handle does. Raises for every status but OK and those that the caller lets pass."""
     cancel, detail, done, status = Cancel(), ErrorDetail(), threading.Event(), []  # type: ignore[var-annotated]
 
     def work() -> None:
+        _inside[cancel] = handle
         try:
-            status.append(call(cancel.pointer, detail))
+            closed = handle is not None and not handle.open
+            status.append(_errors.CLOSED if closed else call(cancel.pointer, detail))
         except BaseException as error:  # an argument that ctypes does not take
             status.append(error)
+        _inside.pop(cancel, None)
         done.set()
 
     try:
-        threading.Thread(target=work, name="velmora", daemon=True).start()
+        try:
+            threading.Thread(target=work, name="velmora", daemon=True).start()
+        except RuntimeError:  # at the interpreter's end no thread begins any more
+            work()
         while not done.wait(SLICE):
             pass
     except BaseException:
@@ -217,13 +317,11 @@ def waiting(call: Callable[..., int]) -> int:
         raise
     if isinstance(status[0], BaseException):
         raise status[0]
-    if status[0] != _errors.NOT_CONNECTED:
+    if status[0] == _errors.CANCELLED and handle is not None and not handle.open:
+        raise failure(_errors.CLOSED)
+    if status[0] not in passes:
         check(status[0], detail)
     return status[0]
-
-
-def milliseconds(seconds: float | None) -> int:
-    return -1 if seconds is None else min(max(0, round(seconds * 1000)), 2**31 - 1)
 
 
 def every(kind: type, call: Callable[..., int]) -> List[_Struct]:
