@@ -24,29 +24,17 @@ def matrix(blocks):
     return samples
 
 
-def main(file, seconds, port=None):
-    recorded = {}
-    with velmora.open(port) as dongle:
-        headsets = dongle.connect()
-        moment = dongle.start()
-        try:
-            end = time.monotonic() + float(seconds)
-            while time.monotonic() < end:
-                for block in dongle.read(timeout=0.2):
-                    recorded.setdefault(block.headset, []).append(block)
-        except (KeyboardInterrupt, velmora.Error) as reason:
-            print(f"ended early: {reason or 'Ctrl-C'}", file=sys.stderr)
-        dongle.stop()
-        for block in dongle.read(timeout=0):
-            recorded.setdefault(block.headset, []).append(block)
-        arrays = {}
-        for headset in headsets:
-            blocks = recorded.get(headset.number)
-            if blocks:
-                rates = [channel.rate for channel in dongle.channel_statistics(headset.number).values()]
-                arrays[headset.address] = matrix(blocks)
-                arrays[headset.address + "_utc"] = moment.utc + blocks[0].time - moment.time
-                arrays[headset.address + "_rate"] = np.mean(rates)
+def save(file, dongle, recorded, moment):
+    arrays, by_headset = {}, {}
+    for block in recorded:
+        by_headset.setdefault(block.headset, []).append(block)
+    for headset in dongle.headsets():
+        blocks = by_headset.get(headset.number)
+        if blocks:
+            rates = [channel.rate for channel in dongle.channel_statistics(headset.number).values()]
+            arrays[headset.address] = matrix(blocks)
+            arrays[headset.address + "_utc"] = moment.utc + blocks[0].time - moment.time
+            arrays[headset.address + "_rate"] = np.mean(rates)
     np.savez(file, **arrays)
     for address in sorted(name for name in arrays if "_" not in name):
         samples = arrays[address]
@@ -54,5 +42,33 @@ def main(file, seconds, port=None):
               f"{100 * np.isnan(samples).mean():.2f} % lost")
 
 
+def main(file, seconds, port=None):
+    batches, moment = [], None
+    dongle = velmora.open(port)
+    try:
+        with dongle:
+            dongle.connect()
+            moment = dongle.start()
+            end = time.monotonic() + float(seconds)
+            try:
+                while time.monotonic() < end:
+                    batches.append(dongle.read(timeout=0.2))
+            except (KeyboardInterrupt, velmora.Error) as reason:
+                print(f"ended early: {str(reason) or 'Ctrl-C'}", file=sys.stderr)
+            try:
+                dongle.stop()
+                batches.append(dongle.read(timeout=0))
+                while batches[-1]:
+                    batches.append(dongle.read(timeout=0))
+            except (KeyboardInterrupt, velmora.Error):
+                pass  # a dongle that is gone has nothing left, and who presses Ctrl-C twice wants no more
+    finally:  # also when a Ctrl-C ended the closing
+        if moment:
+            save(file, dongle, [block for batch in batches for block in batch], moment)
+
+
 if __name__ == "__main__":
-    main(*sys.argv[1:])
+    try:
+        main(*sys.argv[1:])
+    except velmora.Error as error:
+        sys.exit(str(error))
