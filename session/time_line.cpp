@@ -10,11 +10,13 @@ namespace {
 constexpr int kRound = 256;                           // what a counter counts to
 constexpr double kMostRounds = 4e6;                   // so that packets fit an int
 constexpr std::int64_t kShortestRound = 250'000'000;  // nanoseconds, of one channel on a full line
-constexpr int kInStep = 2;                            // packets by which channels that go in step may differ
-constexpr std::uint32_t kWatchedEnough = 8;           // packets until lateness says something
-constexpr double kClockError = 0.02;                  // of headset and host against each other, with room
-constexpr double kJitter = 4e5;                       // nanoseconds that a packet may come before all others' time
-constexpr std::int64_t kSilence = 64;                 // packets that must fail to come before rounds are thought of
+constexpr std::int64_t kHalfRound = kRound / 2;
+constexpr std::int64_t kHeldUpLongest = 1'000'000'000;  // nanoseconds that packets may be late
+constexpr int kInStep = 2;                              // packets by which channels that go in step may differ
+constexpr std::uint32_t kWatchedEnough = 8;             // packets until lateness says something
+constexpr double kClockError = 0.02;                    // of headset and host against each other, with room
+constexpr double kJitter = 4e5;                         // nanoseconds that a packet may come before all others' time
+constexpr std::int64_t kSilence = 64;                   // packets that must fail to come before rounds are thought of
 
 }  // namespace
 
@@ -86,9 +88,17 @@ Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_
         byCounter = false;
     }
     if (known ? steps != 1 && steps > ahead + early : again && passed < kShortestRound) {
-        steps = 1;
-        // Two counters that agree are right, and the one before them was not.
-        placement.damagedCounter = !slot.suspect || counter != static_cast<std::uint8_t>(slot.asCame + 1);
+        const int onwards = slot.suspect ? static_cast<std::uint8_t>(counter - slot.asCame) : 0;
+        const std::int64_t most = known ? std::min(kHeldUpLongest / slot.period, kHalfRound) : 0;
+        if (onwards == 0 || onwards > most || steps > most) {
+            steps = 1;
+            // Two counters that follow each other are right, and the one before them was not.
+            placement.damagedCounter = onwards != 1;
+        } else {
+            // Two in a row are not damaged: packets were lost. The clock was misled by a headset that catches up,
+            // having been held up when its rate was found.
+            startWatch(slot);
+        }
     }
     slot.suspect = placement.damagedCounter;
     slot.jump = byCounter ? steps - 1 : 0;
@@ -153,8 +163,7 @@ Placement TimeLine::placeFirst(Slot& slot, int samples, std::uint8_t counter, st
     slot.epoch = epoch_;
     slot.suspect = false;
     slot.jump = 0;
-    slot.late = slot.least = slot.leastBefore = 0;
-    slot.watched = 0;
+    startWatch(slot);
     slot.leastSince = arrival;
     slot.fit.clear();
     setPeriod(slot, samples);
@@ -174,8 +183,7 @@ void TimeLine::setPeriod(Slot& slot, int samples) {
     slot.period = std::llround(nanosPerSample(slot) * samples);
     slot.silence = kSilence * slot.period;
     if (!wasKnown) {
-        slot.late = slot.least = slot.leastBefore = 0;
-        slot.watched = 0;
+        startWatch(slot);
     }
 }
 

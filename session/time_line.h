@@ -43,8 +43,9 @@ struct ChannelCounts {
 /// counters where these go in step, which they do when they differ by a packet or two. A packet's counter, 0 to 255,
 /// leaves open how many rounds of 256 were lost before it: of what it allows the number nearest to clock and rate is
 /// taken, rounds only when the channel fell silent while the line was really watched. A counter that would put the
-/// packet far ahead of the clock is damaged; the line then goes on by one packet. One that the clock lets pass, because
-/// the packet was late, shows when the next counter goes on from before it: the line then goes back.
+/// packet far ahead of the clock is damaged, and the line goes on by one packet; unless the next one is ahead as well
+/// and goes on from it: then the clock was wrong. A damaged one that the clock lets pass, because the packet was late,
+/// shows when the next counter goes on from before it: the line then goes back.
 ///
 /// Times are nanoseconds of any one clock, in ascending order. Not thread-safe. An object is large (about 16 KiB).
 class TimeLine {
@@ -188,6 +189,10 @@ class TimeLine {
     }
     void solve(Slot& slot);
     void setPeriod(Slot& slot, int samples);
+    static void startWatch(Slot& slot) {
+        slot.late = slot.least = slot.leastBefore = 0;
+        slot.watched = 0;
+    }
     double nanosPerSample(const Slot& slot) const {
         return slot.nanosPerSample > 0 ? slot.nanosPerSample : nanosPerSample_;
     }

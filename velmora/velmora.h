@@ -405,9 +405,10 @@ enum {
     VELMORA_FLAG_ESTIMATED = 4, /* raw: the counter alone does not tell how many packets were lost before this one;
                                    `lost` and `sample` are taken from the clock */
     VELMORA_FLAG_DAMAGED_COUNTER =
-        8 /* raw: the packet's counter cannot be right; it was placed behind its forerunner. Or the forerunner's was
-             wrong and had put that packet too far ahead: `sample` then steps back to where it belongs, and what the
-             forerunner's `lost` says was not lost */
+        8 /* raw: by the clock the packet's counter cannot be right; it was placed behind its forerunner. Should the
+             next one agree with it, that one's `lost` makes up for it. Or the forerunner's was wrong and had put that
+             packet too far ahead: `sample` then steps back to where it belongs, and what the forerunner's `lost` says
+             was not lost */
 };
 
 /*
