@@ -310,22 +310,6 @@ def test_example_clients(_, setting):
             client.wait()
 
 
-def test_costs(browser, setting):
-    """Printed, not asserted: a busy machine draws more slowly."""
-    setting.plug("--headsets", "1", "--channels", "16", "--rate", "1000", "--quiet")
-    page = browser.page()
-    page.size(1280, 800)
-    page.open(setting.serve("view"))
-    page.sees("velmora.channels().length === 16", "all channels")
-    time.sleep(3)
-    page.run("velmora.restartFigures()")
-    time.sleep(10)
-    figures = page.run("velmora.figures()")
-    print(f"  16 channels of 1,000 samples a second: drawing {figures['costP95']:.2f} ms, from picture to picture "
-          f"{figures['pauseP95']:.1f} ms (95 of 100), {figures['frames']} pictures in 10 s")
-    assert figures["frames"] > 10 and page.run("velmora.state().skipped") == 0
-
-
 def main(velmora, dongle, *chosen):
     tests = {name: test for name, test in globals().items() if name.startswith("test_")}
     failed = []
