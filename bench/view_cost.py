@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """What drawing the live view costs in a headless Chromium: bench/view_cost.py [SECONDS] [BUILD_FOLDER]
 
 One headset of 16 channels at 1,000 samples a second, on a page of 1,280 by 800. Of 100 pictures 95 take less than what is
