@@ -11,60 +11,76 @@ by its name, so one program on each publishes.
 
 Needs paho-mqtt (Debian: python3-paho-mqtt).
 """
+import collections
 import json
 import platform
 import signal
 import sys
 import threading
+import time
 
 import paho.mqtt.client as mqtt
 
 import velmora
 
 
-def client(name):
-    # A session that outlives the connection: with a clean one, a message that was on its way when the broker went would be
-    # published again as if it were new.
-    if hasattr(mqtt, "CallbackAPIVersion"):  # paho 2
-        return mqtt.Client(mqtt.CallbackAPIVersion.VERSION2, client_id=name, clean_session=False)
-    return mqtt.Client(client_id=name, clean_session=False)
+def connected(name, broker, mqtt_port, clean):
+    new = [mqtt.CallbackAPIVersion.VERSION2] if hasattr(mqtt, "CallbackAPIVersion") else []  # paho 2
+    client = mqtt.Client(*new, client_id=name, clean_session=clean)
+    client.max_queued_messages_set(0)  # a broker that is away for a while costs memory, not data
+    client.connect(broker, int(mqtt_port))
+    client.loop_start()
+    while not client.is_connected():
+        time.sleep(0.01)
+    return client
+
+
+def end(client):
+    client.disconnect()
+    client.loop_stop()
 
 
 def main(broker, mqtt_port, port=None):
     topic = "velmora/" + platform.node()
-    publisher = client(topic)
-    publisher.max_queued_messages_set(0)  # a broker that is away for a while costs memory, not data
-    publisher.connect(broker, int(mqtt_port))
-    publisher.loop_start()
-    sent = None
+    # A session that outlives the connection: with a clean one, a message that was on its way when the broker went would be
+    # published again as if it were new. But what a killed run left there would be mixed up with what this one sends.
+    end(connected(topic, broker, mqtt_port, clean=True))
+    publisher = connected(topic, broker, mqtt_port, clean=False)
+    count = collections.Counter()
+    publisher.on_publish = lambda *_: count.update(arrived=1)
 
-    def publish(records):
-        nonlocal sent
+    def publish(name, payload, retain=False):
+        publisher.publish(f"{topic}/{name}", payload, qos=2, retain=retain)
+        count["sent"] += 1
+
+    def forward(records):
         if len(records):
-            sent = publisher.publish(topic + "/records", records.tobytes(), qos=2)
+            publish("records", records.tobytes())
         return len(records)
 
     try:
         with velmora.open(port) as dongle:
             headsets = {headset.number: headset.address for headset in dongle.connect()}
-            publisher.publish(topic + "/headsets", json.dumps(headsets), qos=2, retain=True)
-            publisher.publish(topic + "/start", json.dumps(dongle.start()._asdict()), qos=2, retain=True)
+            publish("headsets", json.dumps(headsets), retain=True)
+            publish("start", json.dumps(dongle.start()._asdict()), retain=True)
             ended = threading.Event()  # by Ctrl-C, which as an exception could fall between reading and publishing
             signal.signal(signal.SIGINT, lambda *_: ended.set())
             while not ended.is_set():
-                publish(dongle.records(timeout=0.1, at_least=1024))
+                forward(dongle.records(timeout=0.1, at_least=1024))
             dongle.stop()
-            while publish(dongle.records(timeout=0)):
+            while forward(dongle.records(timeout=0)):
                 pass
     finally:
-        if sent is not None:
-            sent.wait_for_publish(10)
-        publisher.disconnect()
-        publisher.loop_stop()
+        until = time.monotonic() + 10
+        while count["arrived"] < count["sent"] and time.monotonic() < until:
+            time.sleep(0.05)
+        end(publisher)
 
 
 if __name__ == "__main__":
     try:
         main(*sys.argv[1:])
+    except KeyboardInterrupt:
+        pass
     except velmora.Error as error:
         sys.exit(str(error))

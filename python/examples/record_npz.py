@@ -70,5 +70,7 @@ def main(file, seconds, port=None):
 if __name__ == "__main__":
     try:
         main(*sys.argv[1:])
+    except KeyboardInterrupt:
+        pass
     except velmora.Error as error:
         sys.exit(str(error))

@@ -8,7 +8,7 @@
             print(block.headset, block.sample, block.samples.mean(axis=0))
 
 Failures are exceptions, all of them velmora.Error, but for what belongs to Python itself: MemoryError when there is no
-memory left, TypeError for arguments of a wrong type, KeyboardInterrupt.
+memory left, TypeError for a time or a path of a wrong type, KeyboardInterrupt.
 """
 from ._dongle import (ALL, BATTERY, CONNECTED, DAMAGED_COUNTER, DISCONNECTED, ESTIMATED, EVENT, FIRST, GONE, MULTI,
                       OVERRUN, PROCESSED, RAW, RESPONSE, RESTARTED, Battery, Block, ChannelStatistics, Dongle, Event,

@@ -246,8 +246,8 @@ class Dongle:
     data. Times to wait are in seconds, None has no limit. Every call that waits, for a headset, for the dongle or for its
     port, ends within 0.1 s of Ctrl-C, and with Closed when another thread closes the dongle; what had arrived by then is
     delivered by the next read. Failures are velmora.Error: each call can raise Closed and Gone, and Invalid for arguments
-    that are out of range. Only what belongs to Python itself is not: MemoryError when there is no memory left, and
-    TypeError for arguments of a wrong type.
+    that are wrong. Only what belongs to Python itself is not: MemoryError when there is no memory left, and TypeError for
+    a time or a path of a wrong type.
 
     A process that was forked from this one cannot use it: calls raise Closed there, and closing does nothing.
     """
@@ -538,7 +538,7 @@ class Dongle:
             self._read(deadline, at_least)
             came = self._state.filled > self._state.given
             self._state = _sorted(self._state)
-            if not came and deadline is not None and time.monotonic() >= deadline:
+            if not came and (at_least == 0 or (deadline is not None and time.monotonic() >= deadline)):
                 break
 
     # -------------------------------------------------------------------------------------------- statistics

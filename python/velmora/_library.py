@@ -222,48 +222,61 @@ class Handle:
     """A dongle of the library. Freed when nobody holds it any more, so never while a call is inside."""
 
     def __init__(self) -> None:
-        self.pointer = c_void_p()
+        self.pointer: Optional[c_void_p] = c_void_p()  # None when it is for others, or nobody, to free
+        self.process = os.getpid()
         self.open = False  # a program has it, and has not closed it
         self.may_leave_headsets = False  # at the dongle, should the program end now
         _handles.add(weakref.ref(self, _handles.discard))
 
     def cancel(self) -> None:
-        for cancel, handle in list(_inside.items()):
-            if handle is self:
+        for cancel in list(_inside):
+            if _inside.get(cancel) is self:
                 cancel.cancel()
 
-    def drop(self) -> None:
+    def drop(self, pointer: c_void_p) -> None:
         """Frees the headsets that were asked for, as soon as the call that has the dongle's attention has ended."""
         until = time.monotonic() + 3  # more than a command takes to go out
         while self.may_leave_headsets:
-            busy = lib.velmora_drop_all(self.pointer, ALLOW_UNPROVED, None) == _errors.BUSY
+            busy = lib.velmora_drop_all(pointer, ALLOW_UNPROVED, None) == _errors.BUSY
             self.may_leave_headsets = busy and time.monotonic() < until
             if self.may_leave_headsets:
                 time.sleep(SLICE / 10)
 
     def close(self) -> None:
-        self.open = False
-        if not self.pointer:
+        self.open, pointer = False, self.pointer
+        if not pointer:
             return
         try:
             self.cancel()
             if self.may_leave_headsets:
-                waiting(lambda *_: self.drop() or _errors.OK)
+                waiting(lambda *_: self.drop(pointer) or _errors.OK)
         finally:
-            lib.velmora_close(self.pointer)
+            lib.velmora_close(pointer)
 
     def __del__(self, warn: Callable[..., None] = warnings.warn,
-                destroy: Callable[[c_void_p], None] = lib.velmora_destroy) -> None:
-        # Nobody is inside. This may be any thread at any moment, so nothing here takes a lock or begins a thread.
-        if self.open:
-            self.drop()
-        destroy(self.pointer)
+                destroy: Callable[[c_void_p], None] = lib.velmora_destroy,
+                process: Callable[[], int] = os.getpid) -> None:
+        # Nobody is inside. This may be any thread at any moment, so nothing here takes a lock or begins a thread. At the
+        # interpreter's end _leave may find the handle again, and closes what it finds; a forked child has a mere copy.
+        pointer, self.pointer = self.pointer, None
+        if not pointer or _leaving or self.process != process():
+            return
+        try:
+            if self.open:
+                self.drop(pointer)
+        finally:
+            destroy(pointer)
         if self.open:
             warn("a velmora.Dongle was not closed", ResourceWarning)
 
 
+_leaving = False
+
+
 def _leave() -> None:
     """The interpreter ends: so do all calls and dongles, whatever becomes of one of them."""
+    global _leaving
+    _leaving = True
     for cancel in list(_inside):
         cancel.cancel()
     for reference in list(_handles):
