@@ -42,14 +42,19 @@ begin() {
     mkdir "$work/$1"
     cd "$work/$1"
 }
+# eventually COMMAND...: until it succeeds; false after half a minute
+eventually() {
+    for _ in $(seq 600); do
+        "$@" && return
+        sleep 0.05
+    done
+    return 1
+}
 dongle() {
     rm -f dongle.log
     "$@" --headsets 2 --scan-duration 100 --connect-duration 50 --rate 2000 >dongle.log 2>&1 &
     background+=($!)
-    for _ in $(seq 400); do
-        grep -q 'ready on' dongle.log && return
-        sleep 0.05
-    done
+    eventually grep -q 'ready on' dongle.log && return
     cat dongle.log
     fail "the dongle does not start"
 }
@@ -58,10 +63,7 @@ shows() {
     env --default-signal=INT "$@" >out 2>&1 & # what itself began in the background has it ignored
     local shown=$!
     background+=("$shown")
-    for _ in $(seq 600); do
-        grep -q 'headset 1, channel' out && break
-        sleep 0.05
-    done
+    eventually grep -q 'headset 1, channel' out || true
     kill -INT "$shown" 2>/dev/null || true
     [ "$interruptible" = no ] || wait "$shown" || true
     grep -q 'headset 1, channel' out || { cat out; fail "$*"; }
@@ -104,7 +106,7 @@ try_tar() {
 
 try_deb() {
     dpkg-deb -x "$packages"/velmora_*_amd64.deb root
-    dpkg-deb -I "$packages"/velmora_*_amd64.deb | grep -q 'Depends: .*libstdc++6' || fail "the deb does not say what it needs"
+    [[ $(dpkg-deb -f "$packages"/velmora_*_amd64.deb Depends) == *libstdc++6* ]] || fail "the deb does not say what it needs"
     [ -e root/usr/lib/libVelmoraSDK.so ] && [ -e root/usr/lib/libvelmora.so.0 ] || fail "a name of a library is missing"
     linux "$PWD/root/usr"
 }
@@ -124,10 +126,7 @@ wine_line() {
     rm -f near far
     socat "pty,raw,echo=0,link=$PWD/near" "pty,raw,echo=0,link=$PWD/far" </dev/null >/dev/null 2>&1 &
     background+=($!)
-    for _ in $(seq 200); do
-        [ -e near ] && [ -e far ] && break
-        sleep 0.05
-    done
+    eventually [ -e near ] && eventually [ -e far ] || fail "no line between two programs"
     com_port near
     near=$com
     com_port far
@@ -143,7 +142,7 @@ try_zip() {
     program first.c
     program first.cpp
     host
-    local mingw=x86_64-w64-mingw32 dll
+    local mingw=x86_64-w64-mingw32 dll file sections
     eval "$mingw-$(line 'gcc first.c')"
     eval "$mingw-$(line 'g++ -std=c++20 first.cpp')"
     eval "$mingw-$(line 'gcc host.c')"
@@ -155,8 +154,9 @@ try_zip() {
     done
     cp "/usr/$mingw/lib/libwinpthread-1.dll" .
     for file in velmora/bin/*.dll velmora/bin/*.exe; do
-        x86_64-w64-mingw32-objdump -h "$file" | grep -q '\.rsrc' || fail "$file has no version"
-        x86_64-w64-mingw32-objdump -h "$file" | grep -q '\.debug_info' && fail "$file is not stripped"
+        sections=$("$mingw-objdump" -h "$file")
+        [[ $sections == *.rsrc* ]] || fail "$file has no version"
+        [[ $sections != *.debug_info* ]] || fail "$file is not stripped"
     done
     unzip -q -o "$packages"/velmora-*-debug.zip
     ls velmora-*-debug/bin/velmora.{exe,dll}.debug >/dev/null
@@ -184,10 +184,8 @@ windows_program() {
     "${velmora[@]}" record --port "$com" --all --rate 2000 --seconds 8 --max-loss 100 --view --no-browser -o 記録/take \
         >out 2>err &
     background+=($!)
-    for _ in $(seq 600); do
-        address=$(grep -o 'http://[^ \r]*' err | tr -d '\r') && break
-        sleep 0.05
-    done
+    eventually grep -q 'http://' err || { cat err; fail "no live view"; }
+    address=$(grep -o 'http://[^ ]*' err | tr -d '\r')
     timeout 60 /usr/bin/python3 "$tree/examples/view_client.py" "$address" >viewed || { cat viewed err; fail "no live view"; }
     wait "${background[-1]}" || { cat out err; fail "the recording"; }
     grep -q 'headset 1: A1B2C3D4E502' viewed && grep -q 'the recording has ended' viewed && ! grep -q 'too slow' viewed ||
