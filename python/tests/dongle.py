@@ -1,6 +1,7 @@
 """The virtual dongle for tests: VELMORA_DONGLE names its program."""
 import collections
 import csv
+import faulthandler
 import os
 import signal
 import subprocess
@@ -13,6 +14,7 @@ import velmora
 
 PACKAGE = Path(__file__).resolve().parent.parent
 UNSURE = velmora.ESTIMATED | velmora.DAMAGED_COUNTER
+faulthandler.dump_traceback_later(280, exit=True)  # a test that hangs says where, before ctest ends it after 300 s
 
 
 class DongleTest(unittest.TestCase):

@@ -272,8 +272,7 @@ sys.exit(7)
             with ThreadPoolExecutor(1) as inside:
                 waiting = inside.submit(getattr(dongle, wait))
                 if wait == "connect":
-                    while "GRPCONN" not in self.dongle.stdout.readline():
-                        pass
+                    self.assertTrue(any("GRPCONN" in line for line in self.dongle.stdout))
                 dongle.close()
                 self.assertRaises(velmora.Closed, waiting.result)
             self.dongle.terminate()
