@@ -360,14 +360,20 @@ TEST_F(Stream, CallbacksThatThrowOrBlockCostOnlyTheirCalls) {
     });
     stream();
     const auto sent = [&] { return dongle_->with([](dongle::Engine& e) { return e.headsetCounters(1).rawSent; }); };
-    const std::uint64_t sentBefore = sent();
-    const long callsBefore = rawCalls;
-    ASSERT_TRUE(eventually([&] { return sent() > sentBefore + 300; }));
-    dongle_->with([](dongle::Engine& e) { e.setSilent(true); });
-    // A callback that cost the rest of its block would cost nine of ten.
-    EXPECT_TRUE(eventually([&] { return rawCalls - callsBefore > 200; }));
+    const auto silent = [&](bool on) { dongle_->with([on](dongle::Engine& e) { e.setSilent(on); }); };
+    // A callback that cost the rest of its block would cost nine of ten. A busy machine costs some too, but not always.
+    const auto mostCome = [&] {
+        const std::uint64_t sentBefore = sent();
+        const long callsBefore = rawCalls;
+        silent(false);
+        EXPECT_TRUE(eventually([&] { return sent() > sentBefore + 300; }));
+        silent(true);
+        const auto most = static_cast<long>((sent() - sentBefore) * 2 / 3);
+        return eventually([&] { return rawCalls - callsBefore > most; }, 2s);
+    };
+    EXPECT_TRUE(eventually(mostCome));
     SDK_SetRawDataCallback(countRaw);  // slow ones may cost what comes next, the event
-    dongle_->with([](dongle::Engine& e) { e.setSilent(false); });
+    silent(false);
     SDK_SetEventCallback([](unsigned, unsigned) {
         ++eventCalls;
         throw 1;
