@@ -24,8 +24,9 @@ class Lines {
         }
         auto& [end, seen] = last_[static_cast<std::size_t>(index)][static_cast<std::size_t>(slot)];
         fuzz::require(placement.first == !seen);
-        const bool takenBack = placement.damagedCounter && placement.lost == 0 && placement.sample < end;
-        fuzz::require(!seen || takenBack || placement.sample == end + std::int64_t{placement.lost} * samples);
+        const std::int64_t place = end + std::int64_t{placement.lost} * samples;
+        const bool takenBack = placement.damagedCounter && placement.sample < place;
+        fuzz::require(!seen || takenBack || placement.sample == place);
         end = placement.sample + samples;
         seen = true;
     }

@@ -13,8 +13,10 @@ constexpr std::int64_t kShortestRound = 250'000'000;  // nanoseconds, of one cha
 constexpr std::int64_t kHalfRound = kRound / 2;
 constexpr std::int64_t kHeldUpLongest = 1'000'000'000;  // nanoseconds that packets may be late
 constexpr int kInStep = 2;                              // packets by which channels that go in step may differ
+constexpr int kBehindMost = 16;                         // packets from before a damaged counter to the next that came
 constexpr std::uint32_t kWatchedEnough = 8;             // packets until lateness says something
 constexpr double kClockError = 0.02;                    // of headset and host against each other, with room
+constexpr double kRoughly = 0.25;                       // of both on a restless line, even when the rate is old
 constexpr double kJitter = 4e5;                         // nanoseconds that a packet may come before all others' time
 constexpr std::int64_t kSilence = 64;                   // packets that must fail to come before rounds are thought of
 
@@ -36,18 +38,23 @@ Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_
         slot.fit.clear();  // the rounds that the stall may have cost would bend the line
     }
     const bool known = slot.period > 0 && slot.watched >= kWatchedEnough;
-    double ahead = 0;  // packets that the clock says have passed
-    double early = 0;  // by how many more a counter may be ahead
+    double ahead = 0;     // packets that the clock says have passed
+    double most = 0;      // that can have passed
+    double believed = 0;  // that a counter alone is believed
     if (known) {
         const auto period = static_cast<double>(slot.period);
         ahead = static_cast<double>(passed + slot.late - std::min(slot.least, slot.leastBefore)) / period;
-        early = 0.5 + (kJitter + kClockError * static_cast<double>(passed)) / period;
+        most = 0.5 + kJitter / period + (1 + kClockError) * ahead;
+        const std::int64_t bothEnds = 2 * kHeldUpLongest;  // of what the rate is found from
+        const double rough =
+            static_cast<double>(bothEnds) / static_cast<double>(std::max(slot.fit.age(arrival), bothEnds));
+        believed = most + std::max(kRoughly, rough) * std::max(ahead - 1, 0.0);
     }
     int steps = static_cast<std::uint8_t>(counter - slot.counter);
     Placement placement;
     if (known && watched && silent) {
         int rounds = static_cast<int>(std::lround(std::clamp((ahead - steps) / kRound, 0.0, kMostRounds)));
-        if (rounds > 0 && steps + rounds * kRound > ahead + early) {
+        if (rounds > 0 && steps + rounds * kRound > most) {
             --rounds;
         }
         steps += rounds * kRound;
@@ -60,16 +67,20 @@ Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_
         return placement;
     }
     // The counter goes on from before the jump that the last packet's made: that one was damaged.
-    const bool back = slot.jump > 0 && counter == static_cast<std::uint8_t>(slot.counter + 1 - slot.jump);
-    if (back && !(known && silent)) {
+    const int behind = static_cast<std::uint8_t>(counter - slot.counter + slot.jump);  // the packet before it
+    const bool inTime = known && steps <= believed;
+    const bool back = behind == 1 || (!inTime && behind > 0 && behind <= std::min(kBehindMost, slot.jump));
+    if (slot.jump > 0 && slot.jump < kRound && back && !(known && silent)) {
         placement.damagedCounter = true;
-        placement.sample = slot.sample + std::int64_t{1 - slot.jump} * slot.samples;
+        placement.lost = static_cast<std::uint32_t>(behind - 1);
+        placement.sample = slot.sample + std::int64_t{behind - slot.jump} * slot.samples;
         if (!slot.suspect) {
             ++slot.counts.damagedCounters;
             slot.counts.lost -= static_cast<std::uint64_t>(slot.jump);
         }
+        slot.counts.lost += placement.lost;
         slot.suspect = false;
-        slot.late += passed - (1 - slot.jump) * slot.period;
+        slot.late += passed - (behind - slot.jump) * slot.period;
         slot.jump = 0;
         latest_ = channel;
         accept(slot, placement.sample, samples, counter, content, arrival, lastStall);
@@ -84,19 +95,22 @@ Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_
         // Too early for the clock to tell whether a counter is right; the other channels can.
         const Slot& latest = slots_[static_cast<std::size_t>(latest_)];
         const std::int64_t sample = latest.sample + std::int64_t{aheadOf(latest, counter)} * samples;
-        steps = std::max(1, static_cast<int>((sample - slot.sample) / samples));
-        byCounter = false;
+        const int inStep = std::max(1, static_cast<int>((sample - slot.sample) / samples));
+        byCounter = steps == inStep;
+        steps = inStep;
     }
-    if (known ? steps != 1 && steps > ahead + early : again && passed < kShortestRound) {
+    if (known ? steps != 1 && steps > believed : again && passed < kShortestRound) {
         const int onwards = slot.suspect ? static_cast<std::uint8_t>(counter - slot.asCame) : 0;
-        const std::int64_t most = known ? std::min(kHeldUpLongest / slot.period, kHalfRound) : 0;
-        if (onwards == 0 || onwards > most || steps > most) {
+        const std::int64_t few = known ? std::min(kHeldUpLongest / slot.period, kHalfRound) : 0;
+        const bool borneOut = (onwards > 0 && onwards <= few) || (known && jumpsWithLatest(slot, samples, counter));
+        const bool begunAnew = steps > ahead + believed + static_cast<double>(few);  // not counted on from before
+        if (!borneOut || begunAnew) {
             steps = 1;
             // Two counters that follow each other are right, and the one before them was not.
             placement.damagedCounter = onwards != 1;
         } else {
-            // Two in a row are not damaged: packets were lost. The clock was misled by a headset that catches up,
-            // having been held up when its rate was found.
+            // Two, in a row or side by side, are not damaged: packets were lost. The clock was misled by a headset that
+            // catches up, having been held up when its rate was found.
             startWatch(slot);
         }
     }
@@ -130,6 +144,16 @@ bool TimeLine::inStepWithLatest(const Slot& slot, int samples, std::uint8_t coun
     const Slot& latest = slots_[static_cast<std::size_t>(latest_)];
     return &latest != &slot && latest.epoch == epoch_ && latest.samples == samples &&
            std::abs(aheadOf(latest, counter)) <= kInStep;
+}
+
+/// Whether the counter of a channel's packet goes together with that of the headset's last packet, on another channel,
+/// as it came, and would not if nothing were lost.
+bool TimeLine::jumpsWithLatest(const Slot& slot, int samples, std::uint8_t counter) const {
+    const Slot& latest = slots_[static_cast<std::size_t>(latest_)];
+    const int came = latest.suspect ? latest.asCame : latest.counter;
+    const auto apart = [came](int other) { return std::abs(static_cast<std::int8_t>(other - came)); };
+    return &latest != &slot && latest.epoch == epoch_ && latest.samples == samples && apart(counter) <= kInStep &&
+           apart(slot.counter + 1) > kInStep;
 }
 
 /// A channel's first packet, ever or since its headset connected again.

@@ -43,9 +43,10 @@ struct ChannelCounts {
 /// counters where these go in step, which they do when they differ by a packet or two. A packet's counter, 0 to 255,
 /// leaves open how many rounds of 256 were lost before it: of what it allows the number nearest to clock and rate is
 /// taken, rounds only when the channel fell silent while the line was really watched. A counter that would put the
-/// packet far ahead of the clock is damaged, and the line goes on by one packet; unless the next one is ahead as well
-/// and goes on from it: then the clock was wrong. A damaged one that the clock lets pass, because the packet was late,
-/// shows when the next counter goes on from before it: the line then goes back.
+/// packet far ahead of the clock is damaged, and the line goes on by one packet; unless the next one, or that of
+/// another channel, is ahead as well and goes with it: then the clock was wrong. A damaged one that the clock lets
+/// pass, because the packet was late, shows when the next counter goes on from before it: the line then goes back.
+/// Counters that begin anew without a word of the dongle cannot be told from losses.
 ///
 /// Times are nanoseconds of any one clock, in ascending order. Not thread-safe. An object is large (about 16 KiB).
 class TimeLine {
@@ -112,6 +113,7 @@ class TimeLine {
         /// True when nanosPerSample() is fresh.
         bool solve(std::int64_t now);
         void clear() { *this = Fit(); }
+        std::int64_t age(std::int64_t now) const { return count_ == 0 ? 0 : now - spans_[0].arrival; }
         double nanosPerSample() const { return nanosPerSample_; }  // 0 until there is enough
 
       private:
@@ -165,6 +167,7 @@ class TimeLine {
                          std::int64_t lastStall);
     static int aheadOf(const Slot& slot, std::uint8_t counter);
     bool inStepWithLatest(const Slot& slot, int samples, std::uint8_t counter) const;
+    bool jumpsWithLatest(const Slot& slot, int samples, std::uint8_t counter) const;
     void accept(Slot& slot, std::int64_t sample, int samples, std::uint8_t counter, std::uint64_t content,
                 std::int64_t arrival, std::int64_t lastStall) {
         ++slot.counts.packets;
@@ -180,10 +183,11 @@ class TimeLine {
             slot.leastBefore = slot.least;
             slot.least = slot.late;
         }
-        // What the system kept while nobody read says nothing of the rate, and would bend a young one for seconds.
+        // What the system kept while nobody read says nothing of the rate, and would bend a young one for seconds; nor
+        // does a packet that may stand in another's place.
         const bool heldUp =
             arrival - lastStall < kCatchingUp && slot.late - std::min(slot.least, slot.leastBefore) > kHeldUp;
-        if (!heldUp && slot.fit.add(arrival, sample)) [[unlikely]] {
+        if (!heldUp && !slot.suspect && slot.fit.add(arrival, sample)) [[unlikely]] {
             solve(slot);
         }
     }

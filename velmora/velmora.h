@@ -407,8 +407,8 @@ enum {
     VELMORA_FLAG_DAMAGED_COUNTER =
         8 /* raw: by the clock the packet's counter cannot be right; it was placed behind its forerunner. Should the
              next one agree with it, that one's `lost` makes up for it. Or the forerunner's was wrong and had put that
-             packet too far ahead: `sample` then steps back to where it belongs, and what the forerunner's `lost` says
-             was not lost */
+             packet too far ahead: `sample` then steps back to where it belongs, `lost` tells what is missing behind the
+             packet before that one, and what the forerunner's `lost` says was not lost */
 };
 
 /*
