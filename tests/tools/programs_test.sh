@@ -206,6 +206,23 @@ group_record() {
     expect 0 "$velmora" plot take-A1B2C3D4E502.edf -o take.svg --force
 }
 
+# A recording that is stopped for longer than headsets may be silent goes on; ended while it is behind, it takes in the rest.
+group_stopped() {
+    plug --headsets 1 --channels 4 --rate 500 --packing single --account account
+    "$velmora" record --port "$port" --rate 500 --max-loss 100 -o take-A1B2C3D4E501 >out 2>err </dev/null &
+    program=$!
+    holds err "packets"
+    for seconds in 4 5; do
+        kill -CONT "$program"
+        sleep 1
+        kill -STOP "$program"
+        sleep "$seconds"
+    done
+    kill -INT "$program"
+    ended CONT 0
+    whole take-A1B2C3D4E501.edf 4
+}
+
 # recorded SIGNAL CODE NAME FILE TEXT: a recording to NAME that the signal ends as soon as its FILE holds the text
 recorded() {
     plug --headsets 1 --channels 4 --rate 500 --packing single --lose-every 10 --account account

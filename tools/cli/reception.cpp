@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <utility>
 
 #include "cli/failure.h"
 #include "cli/text.h"
@@ -16,6 +17,7 @@ using namespace std::chrono_literals;
 constexpr auto kTick = 100ms;
 constexpr std::size_t kBatch = 256;
 constexpr double kMostSilence = 3;
+constexpr std::int64_t kHeldUp = 1'000'000'000;  // nanoseconds, ten times as long as a turn takes
 // A headset that comes back by itself does so within moments.
 constexpr double kAllLeft = 1;
 
@@ -39,7 +41,9 @@ Reception::Reception(Connection& connection, Reporter& reporter, ReceptionOption
       options_(options),
       started_(connection.dongle().start()),
       headsets_(connectedOf(connection)),
-      watch_(headsets_, started_.time) {}
+      watch_(headsets_, started_.time),
+      lastTurn_(started_.time),
+      attentiveSince_(started_.time) {}
 
 Reception::~Reception() {
     if (again_.valid()) {
@@ -60,19 +64,22 @@ std::vector<HeadsetView> Reception::views() {
 void Reception::run(const Sink& sink) {
     std::vector<Record> records(kBatch);
     const Notice notice = [this](const std::string& text) { reporter_.say(text); };
+    const auto take = [&](std::span<const Record> batch) {
+        watch_.take(batch, notice);
+        anyData_ |=
+            std::any_of(batch.begin(), batch.end(), [](const Record& record) { return record.kind == VELMORA_RAW; });
+        sink.take(batch);
+    };
     while (!options_.seconds || seconds() < *options_.seconds) {
         const Batch batch = connection_.dongle().read(records, records.size(), options_.pause, &userStop());
-        watch_.take(batch.records, notice);
-        anyData_ |= std::any_of(batch.records.begin(), batch.records.end(),
-                                [](const Record& record) { return record.kind == VELMORA_RAW; });
-        sink.take(batch.records);
+        take(batch.records);
         sink.tick();
         if (userStop().raised()) {
-            return;
+            break;
         }
         if (again_.valid()) {
             connectAgain();
-        } else if (const auto text = trouble(batch.status)) {
+        } else if (const auto text = trouble(batch.status, batch.records.size() == records.size())) {
             if (!options_.keepGoing) {
                 throw Failure(kNoData, *text + ", and start this command again");
             }
@@ -83,11 +90,27 @@ void Reception::run(const Sink& sink) {
             std::this_thread::sleep_for(kTick);  // reading does not wait then
         }
     }
+    // What came before the end belongs to it, however far this program is behind; its reading thread gets a moment.
+    std::this_thread::sleep_for(kTick);
+    if (!again_.valid()) {
+        connection_.dongle().stop();
+    }
+    for (bool more = true; more;) {
+        const Batch rest = connection_.dongle().read(records, 0, 0ms);
+        take(rest.records);
+        sink.tick();
+        more = rest.records.size() == records.size();
+    }
 }
 
-/// What has ended the data, and the act that mends it.
-std::optional<std::string> Reception::trouble(velmora_status status) {
-    const double silent = watch_.silentSeconds(velmora_now());
+/// What has ended the data, and the act that mends it. `more`: there may be records that have not been read yet.
+std::optional<std::string> Reception::trouble(velmora_status status, bool more) {
+    const std::int64_t now = velmora_now();
+    if (now - std::exchange(lastTurn_, now) > kHeldUp) {
+        attentiveSince_ = now;  // it was stopped or waited for its disk: this program was silent, not the headsets
+    }
+    const double silent =
+        more ? 0 : std::min(watch_.silentSeconds(now), static_cast<double>(now - attentiveSince_) * 1e-9);
     const bool restarted = watch_.takeRestarted();
     if (status == VELMORA_GONE) {
         return "the dongle was unplugged or its port hung up; plug it in";

@@ -44,7 +44,7 @@ class Reception {
     std::vector<HeadsetView> views();
 
   private:
-    std::optional<std::string> trouble(velmora_status status);
+    std::optional<std::string> trouble(velmora_status status, bool more);
     std::string leftText() const;
     void connectAgain();
 
@@ -54,6 +54,8 @@ class Reception {
     const Dongle::Moment started_;
     const std::vector<Headset> headsets_;
     Watch watch_;
+    std::int64_t lastTurn_;
+    std::int64_t attentiveSince_;  // silence counts from there
     bool anyData_ = false;
     std::future<void> again_;
 };
