@@ -77,14 +77,16 @@ bool Conversation::connected(std::string_view address, int number, int index) {
     if (topic_ != Topic::kConnect || result_) {
         return false;
     }
+    bool asked = false;
     for (Member& member : members_) {
         if (sameAddress(member.address, address)) {
+            asked = true;
             member.connected = true;
             member.number = number;
             member.index = index;
         }
     }
-    return false;  // the dongle says when it is done
+    return asked;
 }
 
 bool Conversation::connectionEnded() {

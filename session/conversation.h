@@ -36,11 +36,12 @@ class Conversation {
     /// the same is begun again.
     void finish(bool asked);
 
+    /// True when the host asked for that headset; the dongle says when it is done with all.
+    bool connected(std::string_view address, int number, int index);
     // What the dongle says. True when the host is to look at the results.
     bool scanStarted();
     bool scanFound(const protocol::ScanFields& fields, int number);
     bool scanEnded();
-    bool connected(std::string_view address, int number, int index);
     bool connectionEnded();
     bool disconnected(std::string_view address);
     /// The dongle was told to drop all headsets: with them goes whatever attempt to connect them it was still at.

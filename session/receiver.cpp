@@ -230,11 +230,7 @@ void Receiver::event(int code, int number, int index, std::string_view address, 
 void Receiver::headsetChanged(const HeadsetTable::Change& change) {
     const std::string& address = headsets_.headsets()[static_cast<std::size_t>(change.number)].address;
     if (change.connected) {
-        // What its forerunner at this index left unfinished is not its own, and its counters begin anew.
-        reader_.dropPending(change.index);
-        if (const auto place = static_cast<std::size_t>(change.number); place < lines_.size() && lines_[place]) {
-            lines_[place]->time.reconnected();
-        }
+        newConnection(change.number, change.index);
     } else {
         listener_.left(change.index);
         if (conversation_.disconnected(address)) {
@@ -243,6 +239,14 @@ void Receiver::headsetChanged(const HeadsetTable::Change& change) {
     }
     event(change.connected ? VELMORA_EVENT_CONNECTED : VELMORA_EVENT_DISCONNECTED, change.number, change.index,
           address);
+}
+
+/// What its forerunner at this index left unfinished is not its own, and its counters begin anew.
+void Receiver::newConnection(int number, int index) {
+    reader_.dropPending(index);
+    if (const auto place = static_cast<std::size_t>(number); place < lines_.size() && lines_[place]) {
+        lines_[place]->time.reconnected();
+    }
 }
 
 void Receiver::text(TextKind kind, std::string_view text, Nanoseconds arrival) {
@@ -294,9 +298,13 @@ void Receiver::connectionReport(std::string_view text) {
         *report->index >= protocol::kHeadsets) {
         return;
     }
+    const bool before = headsets_.findConnected(report->address).has_value();
     headsets_.connected(report->address, *report->index);
     if (const auto number = headsets_.findConnected(report->address)) {
-        conversation_.connected(report->address, *number, *report->index);
+        // One that came back by itself while the host asked for it is connected once more.
+        if (conversation_.connected(report->address, *number, *report->index) && before) {
+            newConnection(*number, *report->index);
+        }
     }
 }
 

@@ -98,6 +98,7 @@ class Receiver {
     void queueOther(const velmora_record& record, std::uint64_t& count);
     void event(int code, int number, int index, std::string_view address, std::uint32_t value = 0);
     void headsetChanged(const HeadsetTable::Change& change);
+    void newConnection(int number, int index);
     void connectionReport(std::string_view text);
     void listReply(std::string_view text);
     void scanLine(std::string_view text);

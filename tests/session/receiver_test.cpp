@@ -288,6 +288,15 @@ TEST_F(ReceiverTest, DamageInAFrameCostsThatFrameAlone) {
     EXPECT_EQ(seen, "1234567-R+0");
 }
 
+TEST_F(ReceiverTest, AHeadsetThatIsConnectedWhenTheHostConnectsItBeginsAnew) {
+    startOne();
+    feed(packet(1, 0, 0) + packet(1, 0, 1) + "Service connected. A00000000001,1\n" + packet(1, 0, 2));
+    receiver.conversation().beginConnect({{.address = "A00000000001"}});
+    feed("Service connected. A00000000001,1\nGroup connection finish\r\n" + packet(1, 0, 2) + packet(1, 0, 3));
+    EXPECT_EQ(taken().at(3).flags, VELMORA_FLAG_FIRST | VELMORA_FLAG_ESTIMATED);
+    EXPECT_EQ(accounted, 5u) << "none repeated, none lost";
+}
+
 TEST_F(ReceiverTest, EventsFindRoomWhateverElseComes) {
     startOne();
     for (int i = 0; i < 1000; ++i) {
