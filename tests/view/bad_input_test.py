@@ -196,15 +196,14 @@ def check_silence(server, viewer):
     deadline = time.monotonic() + 120
     began = viewer.packets
     eventually(lambda: viewer.packets - began > 5500, "data that a lazy viewer does not read", 60)
-    told = 0
+    told = False
     while not told:
         opcode, message = lazy.frame()
         assert opcode is not None, "closed before it was told"
         assert time.monotonic() < deadline, "not told that it was left out"
         if opcode == 2 and message[1] == SKIPPED:
-            told = struct.unpack_from("<Q", message, 24)[0]
+            told = struct.unpack_from("<Q", message, 24)[0] > 0
     lazy.close()
-    print(f"the lazy viewer was told of {told} packets that it was left out of")
 
 
 def main(velmora, dongle, account_check):

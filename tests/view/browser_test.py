@@ -78,6 +78,13 @@ def account(folder):
     return whole, lost
 
 
+def viewing(browser, setting, dongle, *options):
+    setting.plug(*dongle, "--quiet")
+    page = browser.page()
+    page.open(setting.serve("view", *options))
+    return page
+
+
 def test_shows_every_packet_and_every_loss(browser, setting):
     """From the first packet on: the page is there before the headsets are."""
     setting.plug("--headsets", "2", "--channels", "4", "--rate", "250", "--packing", "single", "--lose-every", "23",
@@ -134,9 +141,7 @@ def test_shows_every_packet_and_every_loss(browser, setting):
 
 
 def test_pauses_and_goes_on(browser, setting):
-    setting.plug("--headsets", "1", "--channels", "1", "--rate", "20000", "--quiet")
-    page = browser.page()
-    page.open(setting.serve("view", "--clients", "1"))
+    page = viewing(browser, setting, ["--headsets", "1", "--channels", "1", "--rate", "20000"], "--clients", "1")
     page.sees("velmora.channels().some((one) => one.drawn > 50000)", "data")
     page.press("[")
     page.press("[")
@@ -163,9 +168,7 @@ def test_pauses_and_goes_on(browser, setting):
 
 
 def test_goes_on_with_channels_that_came_in_a_pause(browser, setting):
-    setting.plug("--headsets", "2", "--channels", "2", "--rate", "50", "--packing", "single", "--quiet")
-    page = browser.page()
-    page.open(setting.serve("view"))
+    page = viewing(browser, setting, ["--headsets", "2", "--channels", "2", "--rate", "50", "--packing", "single"])
     page.sees("document.getElementById('empty').hidden", "the headsets")
     page.press(" ")
     page.sees("velmora.channels().length === 4", "data in the pause")
@@ -177,9 +180,7 @@ def test_goes_on_with_channels_that_came_in_a_pause(browser, setting):
 
 
 def test_chooses_headsets_channels_scale_and_time(browser, setting):
-    setting.plug("--headsets", "3", "--channels", "8", "--rate", "250", "--quiet")
-    page = browser.page()
-    page.open(setting.serve("view"))
+    page = viewing(browser, setting, ["--headsets", "3", "--channels", "8", "--rate", "250"])
     page.sees("velmora.channels().length === 24 && velmora.channels().every((one) => one.span > 0)", "all channels")
     page.press("2")
     page.sees("[...document.querySelectorAll('.card')].map((one) => one.hidden).join() === 'false,true,false'")
@@ -227,9 +228,7 @@ def test_marks_reach_the_recording_and_every_page(browser, setting):
 
 
 def test_says_that_velmora_is_silent_and_goes_on(browser, setting):
-    setting.plug("--headsets", "1", "--channels", "4", "--rate", "250", "--quiet")
-    page = browser.page()
-    page.open(setting.serve("view"))
+    page = viewing(browser, setting, ["--headsets", "1", "--channels", "4", "--rate", "250"])
     page.sees("velmora.channels().some((one) => one.packets > 3)", "data")
     setting.velmora.process.send_signal(signal_numbers.SIGSTOP)
     page.sees("/Nothing comes/.test(document.getElementById('banner').textContent)", "the silence")
@@ -239,10 +238,8 @@ def test_says_that_velmora_is_silent_and_goes_on(browser, setting):
 
 
 def test_says_that_the_dongle_restarts_and_goes_on(browser, setting):
-    setting.plug("--headsets", "2", "--channels", "4", "--rate", "250", "--restart-after", "6000",
-                 "--connect-duration", "1000", "--quiet")
-    page = browser.page()
-    page.open(setting.serve("view"))
+    page = viewing(browser, setting, ["--headsets", "2", "--channels", "4", "--rate", "250", "--restart-after", "6000",
+                                      "--connect-duration", "1000"])
     page.sees("velmora.channels().some((one) => one.packets > 3)", "data")
     page.sees("/restarted/.test(document.getElementById('banner').textContent)", "the restart", 60)
     page.sees("document.getElementById('banner').hidden", "that it goes on", 60)
