@@ -172,8 +172,8 @@ class Leaving(DongleTest):
 import sys, time, velmora
 with velmora.open(sys.argv[1]) as dongle:
     for wait in sys.argv[2:]:
-        print("waiting", flush=True)
         try:
+            print("waiting", flush=True)
             eval(compile(wait, "wait", "eval"))  # a text that Ctrl-C ends would end the process with it
         except KeyboardInterrupt:
             print("ended", flush=True)
