@@ -16,7 +16,7 @@ constexpr int kInStep = 2;                              // packets by which chan
 constexpr int kBehindMost = 16;                         // packets from before a damaged counter to the next that came
 constexpr std::uint32_t kWatchedEnough = 8;             // packets until lateness says something
 constexpr double kClockError = 0.02;                    // of headset and host against each other, with room
-constexpr double kRoughly = 0.25;                       // of both on a restless line, even when the rate is old
+constexpr double kRoughly = 0.25;                       // of what should have come, which counters alone may exceed
 constexpr double kJitter = 4e5;                         // nanoseconds that a packet may come before all others' time
 constexpr std::int64_t kSilence = 64;                   // packets that must fail to come before rounds are thought of
 
@@ -39,13 +39,14 @@ Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_
     }
     const bool known = slot.period > 0 && slot.watched >= kWatchedEnough;
     double ahead = 0;     // packets that the clock says have passed
-    double most = 0;      // that can have passed
-    double believed = 0;  // that a counter alone is believed
+    double most = 0;      // that can have passed if the rate is right and no packet was held up
+    double believed = 0;  // up to which a counter is believed all the same
     if (known) {
         const auto period = static_cast<double>(slot.period);
         ahead = static_cast<double>(passed + slot.late - std::min(slot.least, slot.leastBefore)) / period;
         most = 0.5 + kJitter / period + (1 + kClockError) * ahead;
-        const std::int64_t bothEnds = 2 * kHeldUpLongest;  // of what the rate is found from
+        // Packets that were held up, at either end of those that it is found from, make a young rate rough.
+        const std::int64_t bothEnds = 2 * kHeldUpLongest;
         const double rough =
             static_cast<double>(bothEnds) / static_cast<double>(std::max(slot.fit.age(arrival), bothEnds));
         believed = most + std::max(kRoughly, rough) * std::max(ahead - 1, 0.0);
@@ -67,7 +68,7 @@ Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_
         return placement;
     }
     // The counter goes on from before the jump that the last packet's made: that one was damaged.
-    const int behind = static_cast<std::uint8_t>(counter - slot.counter + slot.jump);  // the packet before it
+    const int behind = static_cast<std::uint8_t>(counter - slot.counter + slot.jump);  // since before the jump
     const bool inTime = known && steps <= believed;
     const bool back = behind == 1 || (!inTime && behind > 0 && behind <= std::min(kBehindMost, slot.jump));
     if (slot.jump > 0 && slot.jump < kRound && back && !(known && silent)) {
@@ -103,7 +104,7 @@ Placement TimeLine::placeOther(Slot& slot, int channel, int samples, std::uint8_
         const int onwards = slot.suspect ? static_cast<std::uint8_t>(counter - slot.asCame) : 0;
         const std::int64_t few = known ? std::min(kHeldUpLongest / slot.period, kHalfRound) : 0;
         const bool borneOut = (onwards > 0 && onwards <= few) || (known && jumpsWithLatest(slot, samples, counter));
-        const bool begunAnew = steps > ahead + believed + static_cast<double>(few);  // not counted on from before
+        const bool begunAnew = steps > ahead + believed + static_cast<double>(few);  // and not a loss
         if (!borneOut || begunAnew) {
             steps = 1;
             // Two counters that follow each other are right, and the one before them was not.
